@@ -1,0 +1,39 @@
+// The client's front end: the command table, the process-wide values every command shares,
+// and the command handlers.
+#pragma once
+
+#include <csignal>
+
+struct MulticallInfo {
+  int (*func)(int argc, char **argv);
+  const char *name;  // program name that selects the command
+  const char *opt;   // first-argument word that selects the command
+  const char *help;  // synopsis in the usage list
+};
+
+extern const MulticallInfo multicall[12];
+
+// The transfer socket and the session's local file (-1 when not open), and the interrupt flag.
+extern int fd;
+extern int outputFd;
+extern volatile sig_atomic_t rx_sigint;
+
+int kestil_main(int argc, char **argv);
+int print_usage(const char *name);
+void cleanup();
+void sigint_handler(int num);
+
+int get_cmd(int argc, char **argv);
+int resume_cmd(int argc, char **argv);
+int put_cmd(int argc, char **argv);
+int ls_cmd(int argc, char **argv);
+int rm_cmd(int argc, char **argv);
+int report_cmd(int argc, char **argv);
+int lsread_cmd(int argc, char **argv);
+int progress_cmd(int argc, char **argv);
+int qadd_cmd(int argc, char **argv);
+int qrm_cmd(int argc, char **argv);
+int filemgr_status_cmd(int argc, char **argv);
+
+// Handler body of a command that this build does not offer yet.
+int notAvailableYet(const char *command);

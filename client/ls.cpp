@@ -1,0 +1,5 @@
+// Placeholder until this command is built.
+#include "client/client.hpp"
+
+int ls_cmd(int, char **) { return notAvailableYet("ls"); }
+int lsread_cmd(int, char **) { return notAvailableYet("lsread"); }

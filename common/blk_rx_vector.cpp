@@ -1,0 +1,1 @@
+#include "common/common.hpp"

@@ -1,0 +1,2 @@
+// The listing reader and its table printer.
+#pragma once

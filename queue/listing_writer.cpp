@@ -1,0 +1,1 @@
+#include "queue/downlink_queue.hpp"

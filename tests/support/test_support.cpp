@@ -1,0 +1,191 @@
+// Scripted UDP peers and subprocess runs for the end-to-end tests.
+#include "tests/support/test_support.hpp"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <md5.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#ifndef KESTIL_BIN
+#error "KESTIL_BIN must name the kestil executable"
+#endif
+
+namespace kt {
+
+namespace {
+long long nowMs() {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+}  // namespace
+
+UdpPeer::~UdpPeer() {
+  if (fd_ >= 0) close(fd_);
+}
+
+bool UdpPeer::bind(const char *ip, uint16_t port) {
+  fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd_ < 0) return false;
+  int one = 1;
+  setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  addr_.sin_family = AF_INET;
+  addr_.sin_port = htons(port);
+  if (inet_aton(ip, &addr_.sin_addr) == 0) return false;
+  if (::bind(fd_, reinterpret_cast<sockaddr *>(&addr_), sizeof addr_) != 0) return false;
+  socklen_t len = sizeof addr_;
+  getsockname(fd_, reinterpret_cast<sockaddr *>(&addr_), &len);
+  return true;
+}
+
+int UdpPeer::recv(uint8_t *buf, int size, sockaddr_in *from, int timeoutMs) {
+  long long deadline = nowMs() + timeoutMs;
+  for (;;) {
+    long long left = deadline - nowMs();
+    if (left < 0) left = 0;
+    pollfd p{fd_, POLLIN, 0};
+    int ready = poll(&p, 1, static_cast<int>(left));
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0) return -1;
+    sockaddr_in sender{};
+    socklen_t len = sizeof sender;
+    ssize_t n = recvfrom(fd_, buf, static_cast<size_t>(size), 0, reinterpret_cast<sockaddr *>(&sender), &len);
+    if (n < 0) return -1;
+    if (from != nullptr) *from = sender;
+    return static_cast<int>(n);
+  }
+}
+
+std::vector<uint8_t> UdpPeer::recv(sockaddr_in *from, int timeoutMs) {
+  std::vector<uint8_t> buf(2048);
+  int n = recv(buf.data(), static_cast<int>(buf.size()), from, timeoutMs);
+  buf.resize(n < 0 ? 0 : static_cast<size_t>(n));
+  return buf;
+}
+
+int UdpPeer::send(const void *buf, int len, const sockaddr_in &to) {
+  return static_cast<int>(sendto(fd_, buf, static_cast<size_t>(len), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to));
+}
+
+Child start(const std::string &cwd, const std::string &argv0, const std::vector<std::string> &args) {
+  Child child;
+  static int serial = 0;
+  std::string stem = cwd + "/.kt-run-" + std::to_string(getpid()) + "-" + std::to_string(serial++);
+  child.outPath = stem + ".out";
+  child.errPath = stem + ".err";
+  pid_t pid = fork();
+  if (pid == 0) {
+    if (chdir(cwd.c_str()) != 0) _exit(127);
+    int out = open(child.outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int err = open(child.errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int in = open("/dev/null", O_RDONLY);
+    if (out < 0 || err < 0 || in < 0) _exit(127);
+    dup2(in, 0);
+    dup2(out, 1);
+    dup2(err, 2);
+    std::vector<char *> argv;
+    argv.push_back(const_cast<char *>(argv0.c_str()));
+    for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+    argv.push_back(nullptr);
+    execv(KESTIL_BIN, argv.data());
+    _exit(127);
+  }
+  child.pid = pid;
+  return child;
+}
+
+Result finish(Child &child, int timeoutMs) {
+  Result r;
+  long long deadline = nowMs() + timeoutMs;
+  int status = 0;
+  for (;;) {
+    pid_t done = waitpid(child.pid, &status, WNOHANG);
+    if (done == child.pid) break;
+    if (nowMs() > deadline) {
+      kill(child.pid, SIGKILL);
+      waitpid(child.pid, &status, 0);
+      r.timedOut = true;
+      break;
+    }
+    usleep(2000);
+  }
+  if (WIFEXITED(status)) r.status = WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) r.signal = WTERMSIG(status);
+  r.out = readFile(child.outPath);
+  r.err = readFile(child.errPath);
+  unlink(child.outPath.c_str());
+  unlink(child.errPath.c_str());
+  child.pid = -1;
+  return r;
+}
+
+Result run(const std::string &cwd, const std::string &argv0, const std::vector<std::string> &args, int timeoutMs) {
+  Child child = start(cwd, argv0, args);
+  return finish(child, timeoutMs);
+}
+
+std::string makeTempDir() {
+  const char *base = std::getenv("TMPDIR");
+  std::string templ = std::string(base != nullptr ? base : "/tmp") + "/kestil-test-XXXXXX";
+  std::vector<char> buf(templ.begin(), templ.end());
+  buf.push_back('\0');
+  char *made = mkdtemp(buf.data());
+  return made != nullptr ? std::string(made) : std::string();
+}
+
+std::string readFile(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+bool writeFile(const std::string &path, const std::string &content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+  return static_cast<bool>(out);
+}
+
+bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
+
+std::string patternBytes(size_t size, uint32_t seed) {
+  std::string s(size, '\0');
+  uint32_t x = seed * 2654435761u + 1;
+  for (size_t i = 0; i < size; ++i) {
+    x ^= x << 13;
+    x ^= x >> 17;
+    x ^= x << 5;
+    s[i] = static_cast<char>(x);
+  }
+  return s;
+}
+
+std::string md5Hex(const std::string &content) {
+  MD5_CTX ctx;
+  MD5Init(&ctx);
+  MD5Update(&ctx, reinterpret_cast<const uint8_t *>(content.data()), content.size());
+  uint8_t digest[16];
+  MD5Final(digest, &ctx);
+  char hex[33];
+  for (int i = 0; i < 16; ++i) std::snprintf(hex + 2 * i, 3, "%02x", digest[i]);
+  return hex;
+}
+
+std::vector<uint8_t> bytes(std::initializer_list<int> list) {
+  std::vector<uint8_t> v;
+  for (int b : list) v.push_back(static_cast<uint8_t>(b));
+  return v;
+}
+
+}  // namespace kt

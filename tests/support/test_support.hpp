@@ -1,0 +1,70 @@
+// Helpers for tests that run the real kestil executable against scripted UDP peers.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kt {
+
+// A UDP socket bound to one loopback address and port, owned by the test.
+class UdpPeer {
+ public:
+  UdpPeer() = default;
+  UdpPeer(const UdpPeer &) = delete;
+  UdpPeer &operator=(const UdpPeer &) = delete;
+  ~UdpPeer();
+  // Binds ip:port (port 0: any free port). False on failure.
+  bool bind(const char *ip, uint16_t port);
+  // One datagram within timeoutMs; its length, or -1 on time-out or error.
+  int recv(uint8_t *buf, int size, sockaddr_in *from, int timeoutMs);
+  std::vector<uint8_t> recv(sockaddr_in *from, int timeoutMs);  // empty on time-out
+  int send(const void *buf, int len, const sockaddr_in &to);
+  int send(const std::vector<uint8_t> &bytes, const sockaddr_in &to) {
+    return send(bytes.data(), static_cast<int>(bytes.size()), to);
+  }
+  const sockaddr_in &address() const { return addr_; }
+  int fd() const { return fd_; }
+
+ private:
+  int fd_ = -1;
+  sockaddr_in addr_{};
+};
+
+struct Result {
+  std::string out;
+  std::string err;
+  int status = -1;        // exit status, or -1 when killed by a signal
+  int signal = 0;         // the signal that ended it, if any
+  bool timedOut = false;  // killed by the test's deadline
+};
+
+// A running kestil process; its stdout and stderr go to files in `dir`.
+struct Child {
+  pid_t pid = -1;
+  std::string outPath;
+  std::string errPath;
+};
+
+// Starts the kestil executable in `cwd` as argv0 (a command name such as "kestil-get", or
+// "kestil" for first-argument dispatch) with `args`.
+Child start(const std::string &cwd, const std::string &argv0, const std::vector<std::string> &args);
+// Waits up to timeoutMs for the child to end (SIGKILL after that) and collects its output.
+Result finish(Child &child, int timeoutMs);
+Result run(const std::string &cwd, const std::string &argv0, const std::vector<std::string> &args,
+           int timeoutMs);
+
+// A fresh empty directory under the system's temporary directory.
+std::string makeTempDir();
+std::string readFile(const std::string &path);
+bool writeFile(const std::string &path, const std::string &content);
+bool exists(const std::string &path);
+// Deterministic pseudo-random content of `size` bytes.
+std::string patternBytes(size_t size, uint32_t seed);
+std::string md5Hex(const std::string &content);
+std::vector<uint8_t> bytes(std::initializer_list<int> list);
+
+}  // namespace kt
