@@ -2,4 +2,3 @@
 #include "client/client.hpp"
 
 int ls_cmd(int, char **) { return notAvailableYet("ls"); }
-int lsread_cmd(int, char **) { return notAvailableYet("lsread"); }
