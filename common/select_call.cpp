@@ -14,6 +14,8 @@ bool before(const timeval &a, const timeval &b) {
 }  // namespace
 
 int select_call(int fd, int sec, int usec) {
+  // A descriptor a read set cannot hold is a failed wait, as select itself would answer.
+  if (fd < 0 || fd >= FD_SETSIZE) return -1;
   timeval now{};
   gettimeofday(&now, nullptr);
   timeval deadline{now.tv_sec + sec, now.tv_usec + usec};
