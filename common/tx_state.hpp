@@ -34,3 +34,5 @@ uint8_t rx_func(KESTIL_TXState *txState, const uint8_t *ack, int len);
 // Moves nextBlkNum to the next block to send; returns the window's end (base + 1024).
 uint32_t tx_advance_nextBlkNum(KESTIL_TXState *txState);
 int cacheFile(KESTIL_TXState *txState);
+// Frees the in-memory copy that cacheFile made (allocated with malloc) and clears the pointer.
+void releaseFileCache(KESTIL_TXState *txState);
