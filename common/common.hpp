@@ -6,3 +6,4 @@
 #include "common/packet.hpp"
 #include "common/tx_state.hpp"
 #include "common/wire.hpp"
+#include "common/wire_codec.hpp"

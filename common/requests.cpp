@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "common/packet.hpp"
+#include "common/wire_codec.hpp"
 #include "station/station.hpp"
 
 namespace {
@@ -20,13 +21,6 @@ constexpr int REQUEST_HEADER_LEN = 8;
 constexpr int NAME_LIMIT = 200;
 constexpr int LONG_NAME_LIMIT = 1450;
 constexpr int QREQ_LIMIT = 200;
-
-void storeRequestHeader(uint8_t *buf, uint8_t cmd, uint8_t flags, const BlkRxVector *rxSet) {
-  buf[0] = cmd;
-  buf[1] = flags;
-  storeBe16(buf + 2, static_cast<uint16_t>(rxSet->block_size));
-  storeBe32(buf + 4, KESTIL_REQ_ID);
-}
 
 // Appends the acknowledgement of rxSet after `len` request bytes; returns the new length.
 int appendPiggyback(uint8_t *buf, int len, const BlkRxVector *rxSet) {
@@ -84,9 +78,14 @@ void sendRequest(int fd, const struct sockaddr_in *target, const char *remote_fi
     std::puts("Name too long");
     return;
   }
-  storeRequestHeader(buf, cmd, flags, rxSet);
-  std::memcpy(buf + REQUEST_HEADER_LEN, remote_filename, nameLen + 1);
-  int len = appendPiggyback(buf, static_cast<int>(nameLen) + REQUEST_HEADER_LEN + 1, rxSet);
+  KESTIL_get req{};
+  req.cmd = cmd;
+  req.flags = flags;
+  req.blocksize = static_cast<uint16_t>(rxSet->block_size);
+  req.reqId = KESTIL_REQ_ID;
+  req.name = remote_filename;
+  req.nameLen = nameLen;
+  int len = appendPiggyback(buf, static_cast<int>(encodeGetRequest(buf, sizeof buf, req)), rxSet);
   int err = 0;
   if (sendDatagram(fd, target, buf, len, &err) != len) reportShortSend(err);
 }
@@ -101,15 +100,13 @@ void sendQReq(int fd, const struct sockaddr_in *target, const BlkRxVector *rxSet
     std::puts("Q Request too long");
     return;
   }
-  storeRequestHeader(buf, KESTIL_QREPORT, flags, rxSet);
-  buf[REQUEST_HEADER_LEN] = num_grps;
-  uint8_t *out = buf + REQUEST_HEADER_LEN + 1;
-  for (int i = 0; i < num_grps; ++i, out += KESTIL_GROUP_LIMIT_LEN) {
-    out[0] = limits[i].group;
-    storeBe32(out + 1, limits[i].sizeTarget);
-    storeBe32(out + 5, limits[i].numEntriesTarget);
-  }
-  int len = appendPiggyback(buf, reqLen, rxSet);
+  KESTIL_qreport req{};
+  req.flags = flags;
+  req.blocksize = static_cast<uint16_t>(rxSet->block_size);
+  req.reqId = KESTIL_REQ_ID;
+  req.num_grps = num_grps;
+  if (num_grps > 0) std::memcpy(req.limits, limits, num_grps * sizeof *limits);
+  int len = appendPiggyback(buf, static_cast<int>(encodeQReport(buf, sizeof buf, req)), rxSet);
   int err = 0;
   ssize_t sent = sendDatagram(fd, target, buf, len, &err);
   std::printf("Sent %d byte qreq!\n", static_cast<int>(sent));

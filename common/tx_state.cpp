@@ -3,6 +3,7 @@
 // receiver's vector, and the choice of the next block to send.
 #include "common/tx_state.hpp"
 
+#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +11,7 @@
 #include <cstring>
 
 #include "common/packet.hpp"
+#include "common/wire_codec.hpp"
 #include "station/station.hpp"
 
 namespace {
@@ -19,28 +21,23 @@ constexpr uint32_t CACHE_LIMIT = 262144;  // files of this size or more are read
 constexpr int RING_BYTES = 128;
 
 int sendMetadata(KESTIL_TXState *tx, int tofd, const struct sockaddr_in *addr) {
-  uint8_t buf[KESTIL_METADATA_LEN];
-  buf[0] = KESTIL_METADATA;
-  std::memcpy(buf + 1, &tx->reqId, 4);  // already in network order
-  storeBe32(buf + 5, tx->size);
-  storeBe32(buf + 9, static_cast<uint32_t>(tx->stat.st_mtime));
-  storeBe32(buf + 13, 0);
+  KESTIL_metadata meta{};
+  // The record holds reqId in network order already; the encoder writes host order
+  // big-endian, so converting back leaves the datagram bytes unchanged.
+  meta.reqId = ntohl(tx->reqId);
+  meta.size = tx->size;
+  meta.utcModTime_s = static_cast<uint32_t>(tx->stat.st_mtime);
+  meta.utcModTime_ns = 0;
   // Digested afresh for every send of block 0, resends included.
   if (tx->fileContents != nullptr) {
-    md5_buff(tx->fileContents, tx->size, buf + 17);
+    md5_buff(tx->fileContents, tx->size, meta.md5);
   } else {
-    md5_fd(tx->fd, buf + 17);
+    md5_fd(tx->fd, meta.md5);
   }
+  uint8_t buf[KESTIL_METADATA_LEN];
+  encodeMetadata(buf, sizeof buf, meta);
   socket_write(tofd, buf, KESTIL_METADATA_LEN, addr);
   return KESTIL_METADATA_LEN;
-}
-
-// Writes the command byte and the narrowest big-endian block number; returns the header length.
-int storeDataHeader(uint8_t *buf, uint32_t blkNum) {
-  int width = blkNum < (1u << 8) ? 1 : blkNum < (1u << 16) ? 2 : blkNum < (1u << 24) ? 3 : 4;
-  buf[0] = static_cast<uint8_t>(KESTIL_DATA1 + width - 1);
-  for (int i = 0; i < width; ++i) buf[1 + i] = static_cast<uint8_t>(blkNum >> (8 * (width - 1 - i)));
-  return 1 + width;
 }
 
 // Moves nextBlkNum over blocks the receiver already has, within the window and the file.
@@ -57,7 +54,7 @@ int tx_func(KESTIL_TXState *txState, int tofd, const struct sockaddr_in *addr) {
   if (txState->nextBlkNum == 0) return sendMetadata(txState, tofd, addr);
 
   uint8_t buf[KESTIL_MAX_DATAGRAM];
-  const int headerLen = storeDataHeader(buf, txState->nextBlkNum);
+  const int headerLen = encodeDataBlockHeader(buf, sizeof buf, txState->nextBlkNum);
   uint32_t limit = static_cast<uint32_t>(KESTIL_MAX_DATAGRAM - headerLen);
   if (txState->blkSize < limit) limit = txState->blkSize;
   const uint32_t offset = blockOffset(txState->nextBlkNum, txState->blkSize);
