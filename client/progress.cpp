@@ -1,4 +1,153 @@
-// Placeholder until this command is built.
-#include "client/client.hpp"
+// The progress bar redrawn by every pass of the receive loops, and the progress command that
+// prints a partial download's state record with its block map.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-int progress_cmd(int, char **) { return notAvailableYet("progress"); }
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "client/client.hpp"
+#include "client/download.hpp"
+#include "client/state_file.hpp"
+#include "common/wire.hpp"
+
+namespace {
+const char SPINNER[] = "|/-\\";
+unsigned spinnerIndex = 0;
+
+constexpr int BAR_CELLS = 50;
+constexpr uint32_t MAP_LINE = 64;  // blocks per line of the block map
+}  // namespace
+
+void update_progress(const BlkRxVector *rxSet) {
+  uint32_t percent = rxSet->lastBlk != 0 ? rxSet->uniqueBlkCnt * 100u / rxSet->lastBlk : 0;
+  char bar[60] = {};
+  for (uint32_t i = 0; i < BAR_CELLS; ++i) {
+    if (i < percent / 2)
+      bar[i] = '=';
+    else if (i == percent / 2)
+      bar[i] = SPINNER[spinnerIndex];
+    else
+      bar[i] = ' ';
+  }
+  spinnerIndex = (spinnerIndex + 1) % (sizeof SPINNER - 1);
+  std::printf("\r[%s]", bar);
+  std::fflush(stdout);
+}
+
+namespace {
+
+// The block map: 64 blocks a line from the window's base; blocks past the window's reach are
+// elided down to the file's last line, which is always drawn (all missing).
+void printBlockMap(const BlkRxVector *vec) {
+  uint64_t base = vec->blkNumBase;
+  uint64_t last = vec->lastBlk;
+  uint64_t lineStart = base % MAP_LINE;
+  uint64_t b = base;
+  for (; b < last && b < base + BLK_RX_WINDOW; ++b) {
+    if (b % MAP_LINE == lineStart) {
+      if (b != base) std::putchar('\n');
+      std::printf("%08llu: ", static_cast<unsigned long long>(b));
+    }
+    std::putchar(blkIsInVector(vec, static_cast<uint32_t>(b)) ? '.' : 'O');
+  }
+  std::putchar('\n');
+  if (b < last) {
+    std::printf("........: OOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOO");
+    while (b + MAP_LINE < last) b += MAP_LINE;
+    for (; b < last; ++b) {
+      if (b % MAP_LINE == lineStart) std::printf("\n%08llu: ", static_cast<unsigned long long>(b));
+      std::putchar('O');
+    }
+    std::putchar('\n');
+  }
+}
+
+}  // namespace
+
+void printDownloadProgress(const char *local_filename) {
+  if (local_filename == nullptr || local_filename[0] == '\0') {
+    std::puts("Missing file name");
+    std::exit(1);
+  }
+  char stateName[STATE_NAME_MAX];
+  if (isStateFileName(local_filename)) {
+    if (std::strlen(local_filename) >= STATE_NAME_MAX) {
+      std::printf("State file name too long: %s\n", local_filename);
+      std::exit(1);
+    }
+    std::strcpy(stateName, local_filename);
+  } else if (!downloadStateName(local_filename, stateName)) {
+    std::printf("Local file name too long (more than %zu characters): %s\n", LOCAL_NAME_MAX, local_filename);
+    std::exit(1);
+  }
+  std::printf("State file is %s\n", stateName);
+
+  struct stat st {};
+  if (stat(stateName, &st) != 0) {
+    std::perror("state file doesn't exist");
+    std::printf("File name: %s\n", stateName);
+    std::exit(1);
+  }
+  if (st.st_size != static_cast<off_t>(sizeof(SavedRXState))) {
+    std::printf("State size mismatch!  Expected %lu found %lu\n", static_cast<unsigned long>(sizeof(SavedRXState)),
+                static_cast<unsigned long>(st.st_size));
+    std::exit(1);
+  }
+  int sfd = open(stateName, O_RDONLY);
+  if (sfd < 0) {
+    std::perror("resume fd");
+    std::exit(1);
+  }
+  // The file may have changed since its status was taken: map it only while it is whole.
+  if (fstat(sfd, &st) != 0 || st.st_size != static_cast<off_t>(sizeof(SavedRXState))) {
+    std::printf("State size mismatch!  Expected %lu found %lu\n", static_cast<unsigned long>(sizeof(SavedRXState)),
+                static_cast<unsigned long>(st.st_size));
+    std::exit(1);
+  }
+  void *addr = mmap(nullptr, sizeof(SavedRXState), PROT_READ, MAP_SHARED, sfd, 0);
+  if (addr == MAP_FAILED) {
+    std::perror("mmap 1");
+    std::exit(1);
+  }
+  const auto *state = static_cast<const SavedRXState *>(addr);
+  const BlkRxVector *vec = &state->rxSet;
+
+  in_addr host{};
+  std::memcpy(&host.s_addr, state->src.addr, 4);
+  std::printf("Remote file: %.*s\n", static_cast<int>(sizeof state->filename), state->filename);
+  std::printf("File number: %u\n", loadBe32(state->fileNum));
+  std::printf("Remote host: %s:%d\n", inet_ntoa(host), loadBe16(state->src.port));
+  std::printf("Block size: %d\n", static_cast<int>(vec->block_size));
+
+  // The bitmap index comes from a file: one outside the ring would read past it.
+  if (vec->head < 0 || vec->head > 127 || vec->blkNumBase % 8 != 0) {
+    std::printf("State record is damaged: bitmap index %d, base %u\n", static_cast<int>(vec->head), vec->blkNumBase);
+    std::exit(1);
+  }
+  if (vectorIsFinished(vec)) {
+    std::puts("Download complete!!!");
+    std::exit(1);
+  }
+  // Before the metadata the block count is unknown: show 0.0 rather than divide by zero.
+  double percent = vec->lastBlk != 0 ? vec->uniqueBlkCnt * 100.0 / vec->lastBlk : 0.0;
+  std::printf("Percent complete: %.1lf (%d / %d)\n", percent, static_cast<int>(vec->uniqueBlkCnt),
+              static_cast<int>(vec->lastBlk));
+  if (vec->blkNumBase > 1) std::printf("Received: 0 - %d\n", static_cast<int>(vec->blkNumBase - 1));
+  printBlockMap(vec);
+
+  munmap(addr, sizeof(SavedRXState));
+  close(sfd);
+}
+
+int progress_cmd(int argc, char **argv) {
+  if (argc >= 2)
+    printDownloadProgress(argv[1]);
+  else
+    std::puts("Usage: progress <file>");
+  return 0;
+}

@@ -1,0 +1,111 @@
+// Creation, opening and mapping of the state files that carry a transfer's receive vector
+// from one run to the next.
+#include "client/state_file.hpp"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+bool downloadStateName(const char *localName, char out[STATE_NAME_MAX]) {
+  if (std::strlen(localName) > LOCAL_NAME_MAX) return false;
+  std::snprintf(out, STATE_NAME_MAX, ".%s%s", localName, STATE_SUFFIX);
+  return true;
+}
+
+bool isStateFileName(const char *arg) {
+  size_t len = std::strlen(arg);
+  size_t suffix = std::strlen(STATE_SUFFIX);
+  return len > 14 && arg[0] == '.' && std::strcmp(arg + len - suffix, STATE_SUFFIX) == 0;
+}
+
+void initSavedRXState(SavedRXState *st, const char *remoteName, const struct sockaddr_in *src) {
+  std::memset(st, 0, sizeof *st);
+  initBlkRxVector(&st->rxSet, 1);
+  st->rxSet.uniqueBlkCnt = 0;
+  std::strncpy(st->filename, remoteName, STATE_REMOTE_NAME_MAX);
+  st->src.family = src->sin_family;
+  std::memcpy(st->src.port, &src->sin_port, 2);
+  std::memcpy(st->src.addr, &src->sin_addr.s_addr, 4);
+}
+
+namespace {
+
+// Steps shared by both record kinds: create the record when needed, open it, check its size
+// and map it. `initial` is the record written on creation.
+StateFailure openState(const char *stateName, const void *initial, size_t recordSize, StateMapping *out) {
+  struct stat st {};
+  bool create = stat(stateName, &st) != 0;
+  // A shorter file can only be left by a creation cut off before its one write, before any
+  // request went out: it is created anew. A longer one is not ours to guess at.
+  if (!create && static_cast<size_t>(st.st_size) < recordSize) create = true;
+  if (create) {
+    int cfd = open(stateName, O_RDWR | O_CREAT | O_TRUNC, 0644);
+    if (cfd < 0) {
+      std::perror("resume fd 2");
+      return StateFailure::Fatal;
+    }
+    ssize_t written = write(cfd, initial, recordSize);
+    if (written != static_cast<ssize_t>(recordSize)) {
+      std::perror("tmpvec");
+      close(cfd);
+      return StateFailure::Fatal;
+    }
+    close(cfd);
+    if (stat(stateName, &st) != 0) {
+      std::perror("restat");
+      return StateFailure::Fatal;
+    }
+  }
+  int sfd = open(stateName, O_RDWR);
+  if (sfd < 0) {
+    std::perror("resume fd");
+    return StateFailure::Fatal;
+  }
+  // The size that is mapped is the size of the file actually opened: never map or touch more
+  // than it holds.
+  if (fstat(sfd, &st) != 0 || static_cast<size_t>(st.st_size) != recordSize) {
+    std::fprintf(stderr, "State file %s is %lld bytes, not the %zu bytes of a state record\n", stateName,
+                 static_cast<long long>(st.st_size), recordSize);
+    close(sfd);
+    return StateFailure::Fatal;
+  }
+  void *addr = mmap(nullptr, recordSize, PROT_READ | PROT_WRITE, MAP_SHARED, sfd, 0);
+  if (addr == MAP_FAILED) {
+    std::perror("mmap 1");
+    close(sfd);
+    return StateFailure::Fatal;
+  }
+  out->fd = sfd;
+  out->addr = addr;
+  out->size = recordSize;
+  return StateFailure::None;
+}
+
+}  // namespace
+
+StateFailure openDownloadState(const char *stateName, const char *remoteName, const struct sockaddr_in *src,
+                               StateMapping *out) {
+  SavedRXState initial;
+  initSavedRXState(&initial, remoteName, src);
+  return openState(stateName, &initial, sizeof initial, out);
+}
+
+StateFailure openVectorState(const char *stateName, StateMapping *out) {
+  BlkRxVector initial;
+  std::memset(&initial, 0, sizeof initial);
+  initBlkRxVector(&initial, 1);
+  initial.lastBlk = 0;
+  initial.uniqueBlkCnt = 0;
+  return openState(stateName, &initial, sizeof initial, out);
+}
+
+void closeState(StateMapping *m) {
+  if (m->addr != nullptr) munmap(m->addr, m->size);
+  if (m->fd >= 0) close(m->fd);
+  m->addr = nullptr;
+  m->fd = -1;
+}
