@@ -53,7 +53,8 @@ int vectorIsFinished(const BlkRxVector *vec);
 // Block arithmetic, in the protocol's unsigned 32-bit terms.
 // File offset of data block n (n >= 1).
 constexpr uint32_t blockOffset(uint32_t n, uint32_t blockSize) { return (n - 1) * blockSize; }
-// lastBlk of a file: data blocks + 1.
+// lastBlk of a file: data blocks + 1. The rounding-up is done without the sum
+// fileSize + blockSize - 1, which would wrap for sizes within a block of 4 GiB.
 constexpr uint32_t lastBlkForSize(uint32_t fileSize, uint32_t blockSize) {
-  return (fileSize + blockSize - 1) / blockSize + 1;
+  return fileSize / blockSize + (fileSize % blockSize != 0 ? 1 : 0) + 1;
 }
