@@ -217,8 +217,9 @@ int encodeDataBlockHeader(uint8_t *dst, size_t cap, uint32_t blkNum) {
 }
 
 size_t encodeDataBlock(uint8_t *dst, size_t cap, uint32_t blkNum, const uint8_t *data, size_t dataLen) {
-  const int headerLen = encodeDataBlockHeader(dst, cap, blkNum);
-  if (headerLen == 0 || cap - static_cast<size_t>(headerLen) < dataLen) return 0;
+  const size_t headerLen = static_cast<size_t>(dataBlockHeaderLen(blkNum));
+  if (cap < headerLen || cap - headerLen < dataLen) return 0;
+  encodeDataBlockHeader(dst, cap, blkNum);
   if (dataLen > 0) std::memcpy(dst + headerLen, data, dataLen);
   return static_cast<size_t>(headerLen) + dataLen;
 }
