@@ -1,4 +1,99 @@
-// Placeholder until this command is built.
-#include "client/client.hpp"
+// The rm command: one fire-and-forget remove request that carries every name that fits.
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
-int rm_cmd(int, char **) { return notAvailableYet("rm"); }
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "client/client.hpp"
+#include "client/rm.hpp"
+#include "common/wire_codec.hpp"
+#include "station/station.hpp"
+
+namespace {
+
+const char RM_USAGE[] = "rm [-h host] [-L] <remote file>";
+constexpr size_t RM_LIMIT = 200;       // whole datagram, ordinary names
+constexpr size_t RM_LONG_LIMIT = 1400;  // whole datagram with -L
+constexpr size_t RM_HEADER_LEN = 2;     // command byte and flags
+
+}  // namespace
+
+void rmFiles(int fd, struct sockaddr_in *target, socklen_t *, char **paths, int pathBegin, int pathEnd,
+             int long_file_name, const char *, int force, int recursive) {
+  const uint8_t flags =
+      static_cast<uint8_t>((recursive ? KESTIL_RM_FLAG_RECURSIVE : 0) | (force ? KESTIL_RM_FLAG_FORCE : 0));
+  const size_t limit = long_file_name ? RM_LONG_LIMIT : RM_LIMIT;
+  // Every packed name takes at least two bytes, so the limit bounds their number.
+  const char *packed[RM_LONG_LIMIT / 2];
+  int count = 0;
+  size_t len = RM_HEADER_LEN;
+
+  for (int i = pathBegin; i < pathEnd; ++i) {
+    const char *name = paths[i];
+    std::printf("Packing %s\n", name);
+    size_t checkLen = len + std::strlen(name) + 1;
+    // A name that does not fit is left out and said so; later, shorter names may still fit.
+    if (checkLen > limit) {
+      std::printf("Not packed, too long for the request: %s\n", name);
+      continue;
+    }
+    packed[count++] = name;
+    len = checkLen;
+  }
+  // A request without a single name would ask for nothing: it is not sent.
+  if (count == 0) {
+    std::puts("No name fits in the request; nothing sent");
+    return;
+  }
+
+  uint8_t buf[KESTIL_MAX_DATAGRAM];
+  len = encodeRm(buf, sizeof buf, flags, packed, count);
+  ssize_t sent = sendto(fd, buf, len, 0, reinterpret_cast<const sockaddr *>(target), sizeof(sockaddr_in));
+  int sendErrno = errno;
+  std::printf("Sent %d byte rm!\n", static_cast<int>(sent));
+  if (sent != static_cast<ssize_t>(len)) {
+    std::fflush(stdout);
+    errno = sendErrno;
+    std::perror("Send");
+  }
+}
+
+int rm_cmd(int argc, char **argv) {
+  const char *host = "127.0.0.1";
+  int longName = 0;
+  int recursive = 0;
+  int force = 0;
+
+  optind = 0;
+  int c;
+  while ((c = getopt(argc, argv, "Lh:rf")) != -1) {
+    switch (c) {
+      case 'L': longName = 1; break;
+      case 'h': host = optarg; break;
+      case 'r': recursive = 1; break;
+      case 'f': force = 1; break;
+      default: std::puts(RM_USAGE); return 0;
+    }
+  }
+  if (optind >= argc) {
+    std::puts(RM_USAGE);
+    return 0;
+  }
+
+  fd = socket_init(0);
+  sockaddr_in target{};
+  target.sin_family = AF_INET;
+  target.sin_port = htons(KESTIL_PORT);
+  if (!socket_resolve_host(host, &target.sin_addr)) {
+    std::fputs("inet_aton() failed\n", stderr);
+    cleanup();
+    std::exit(1);
+  }
+  socklen_t targetLen = sizeof target;
+  rmFiles(fd, &target, &targetLen, argv, optind, argc, longName, host, force, recursive);
+  return 0;
+}

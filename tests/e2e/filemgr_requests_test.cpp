@@ -1,0 +1,101 @@
+// qadd, qrm and status against a scripted file manager on its own port: the request bytes,
+// each kind of answer with its message and exit status, and a file manager that stays silent.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "station/station.hpp"
+#include "tests/support/test_support.hpp"
+
+namespace {
+
+constexpr int RUN_MS = 15000;
+
+struct Exchange {
+  std::vector<uint8_t> request;
+  kt::Result result;
+};
+
+// Runs `args` (after the command word), answers its one request with `answer` (none when
+// empty) and collects what was asked.
+Exchange ask(const char *ip, const std::vector<std::string> &args, const std::vector<uint8_t> &answer) {
+  kt::UdpPeer filemgr;
+  EXPECT_TRUE(filemgr.bind(ip, STATION_FILEMGR_PORT));
+  kt::Child child = kt::start(kt::makeTempDir(), "kestil", args);
+  Exchange x;
+  sockaddr_in from{};
+  x.request = filemgr.recv(&from, 3000);
+  if (!x.request.empty() && !answer.empty()) filemgr.send(answer, from);
+  x.result = kt::finish(child, RUN_MS);
+  return x;
+}
+
+std::vector<uint8_t> queueOp(uint8_t cmd, uint8_t group, uint8_t priority, const std::string &name) {
+  std::string d = std::string{static_cast<char>(cmd), static_cast<char>(group), static_cast<char>(priority), '\0'} +
+                  name + '\0';
+  return std::vector<uint8_t>(d.begin(), d.end());
+}
+
+const std::string USAGE = "qadd [-h host] [-g <group num>] [-p <priority num>] <file>\n";
+
+}  // namespace
+
+TEST(FilemgrQueue, AddSendsGroupAndPriorityInOneByteEach) {
+  Exchange x = ask("127.0.6.60", {"qadd", "-h", "127.0.6.60", "-g", "300", "-p", "7", "/data/img/a.jp"}, {0x11, 0x00});
+  EXPECT_EQ(x.request, queueOp(0x10, 44, 7, "/data/img/a.jp"));  // 19 bytes; 300 keeps its low 8 bits
+  EXPECT_EQ(x.result.status, 0);
+  EXPECT_EQ(x.result.out, "");
+}
+
+TEST(FilemgrQueue, AnswersMapToMessagesAndStatuses) {
+  Exchange x = ask("127.0.6.61", {"qadd", "-h", "127.0.6.61", "f"}, {0x11, 0xFE});
+  EXPECT_EQ(x.result.out, "bad result code -2 from add operation\n");
+  EXPECT_EQ(x.result.status, 6);
+
+  x = ask("127.0.6.62", {"qadd", "-h", "127.0.6.62", "f"}, {0x13, 0x00});
+  EXPECT_EQ(x.result.out, "response code incorrect.  Got 0x13 expected 0x11\n");
+  EXPECT_EQ(x.result.status, 5);
+
+  x = ask("127.0.6.63", {"qrm", "-h", "127.0.6.63", "-g", "3", "f"}, {0x13, 0x00});
+  EXPECT_EQ(x.request, queueOp(0x12, 3, 0, "f"));
+  EXPECT_EQ(x.result.status, 0);
+
+  x = ask("127.0.6.64", {"qrm", "-h", "127.0.6.64", "f"}, {0x13, 0x01});
+  EXPECT_EQ(x.result.out, "bad result code 1 from add operation\n");
+  EXPECT_EQ(x.result.status, 6);
+
+  x = ask("127.0.6.65", {"status", "127.0.6.65"}, {0xF1});
+  EXPECT_EQ(x.request, kt::bytes({0x01}));
+  EXPECT_EQ(x.result.status, 0);
+  EXPECT_EQ(x.result.out, "");
+
+  x = ask("127.0.6.66", {"status", "127.0.6.66"}, {0x00});
+  EXPECT_EQ(x.result.out, "response code incorrect.  Got 0x00 expected 0xF1\n");
+  EXPECT_EQ(x.result.status, 5);
+}
+
+TEST(FilemgrQueue, NameLengthLimitAndUsage) {
+  const std::string longest(1494, 'n');  // 1499-byte request
+  Exchange x = ask("127.0.6.67", {"qadd", "-h", "127.0.6.67", longest}, {0x11, 0x00});
+  EXPECT_EQ(x.request.size(), 1499u);
+  EXPECT_EQ(x.result.status, 0);
+
+  const std::string over(1495, 'n');
+  kt::Result r = kt::run(kt::makeTempDir(), "dlq-add", {"-h", "127.0.6.67", over}, RUN_MS);
+  EXPECT_EQ(r.out, "File name " + over + " too long\n");
+  EXPECT_EQ(r.status, 255);
+
+  r = kt::run(kt::makeTempDir(), "dlq-rm", {"-p", "1", "f"}, RUN_MS);
+  EXPECT_EQ(r.out, USAGE);
+  EXPECT_EQ(r.status, 0);
+  r = kt::run(kt::makeTempDir(), "kestil", {"qadd", "-g", "1"}, RUN_MS);
+  EXPECT_EQ(r.out, USAGE);
+  EXPECT_EQ(r.status, 0);
+}
+
+TEST(FilemgrQueue, SilentFileManagerEndsWithTheExchangeResult) {
+  Exchange x = ask("127.0.6.68", {"qadd", "-h", "127.0.6.68", "f"}, {});
+  EXPECT_EQ(x.request, queueOp(0x10, 0, 0, "f"));
+  EXPECT_EQ(x.result.out, "");
+  EXPECT_EQ(x.result.status, 255);  // the exchange's -1 after its 5 s wait
+}
