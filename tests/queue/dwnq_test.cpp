@@ -1,0 +1,220 @@
+// The download queue, its data file and its report, each test in a fresh working directory
+// with a fresh queue.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+
+#include "queue/downlink_queue.hpp"
+#include "tests/listing/listing_records.hpp"
+#include "tests/support/test_support.hpp"
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+struct Queue : ::testing::Test {
+  void SetUp() override {
+    std::filesystem::current_path(dir);
+    dwnq_close();
+  }
+  void TearDown() override {
+    dwnq_close();
+    std::filesystem::current_path(oldCwd);
+    std::filesystem::remove_all(dir);
+  }
+  // Makes the files and queues them in `group` with `priority`.
+  static void add(std::initializer_list<const char *> names, uint8_t group, uint8_t priority, size_t size = 1) {
+    for (const char *n : names) {
+      kt::writeFile(n, std::string(size, 'x'));
+      dwnq_insert(n, group, priority, 0);
+    }
+  }
+  static Names order(uint8_t group) {
+    Names names;
+    iterate_listing_group(
+        group, [](const char *n, uint8_t, uint8_t, void *a) { return static_cast<Names *>(a)->emplace_back(n), 0; },
+        &names);
+    return names;
+  }
+  // The data file as "name/group/priority/flags" records in file order.
+  static Names dataRecords() {
+    const std::string d = kt::readFile("q.dat");
+    Names recs;
+    for (size_t at = 0; at + 2 <= d.size();) {
+      uint16_t len;
+      std::memcpy(&len, d.data() + at, 2);
+      const char *rec = d.data() + at + 2, *attrs = rec + std::strlen(rec) + 1;
+      recs.push_back(std::string(rec) + "/" + std::to_string(uint8_t(attrs[0])) + "/" +
+                     std::to_string(uint8_t(attrs[1])) + "/" + std::to_string(uint8_t(attrs[2])));
+      at += 2 + len;
+    }
+    return recs;
+  }
+  static std::string record(const std::string &name, uint8_t group, uint8_t priority = 0, uint8_t flags = 0) {
+    const uint16_t len = static_cast<uint16_t>(name.size() + 4);
+    return std::string(reinterpret_cast<const char *>(&len), 2) + name + '\0' + char(group) + char(priority) + char(flags);
+  }
+  std::filesystem::path oldCwd = std::filesystem::current_path();
+  std::string dir = kt::makeTempDir();
+};
+
+TEST_F(Queue, KeepsPriorityOrderAndMovesEntriesToTheBackOfTheirPriority) {
+  dwnq_init("q.dat");
+  add({"A", "B"}, 4, 2, 10);
+  add({"C"}, 4, 1, 10);
+  EXPECT_EQ(order(4), (Names{"C", "A", "B"}));
+  add({"D"}, 4, 2, 10);
+  dwnq_insert("A", 4, 2, 0);
+  EXPECT_EQ(order(4), (Names{"C", "B", "D", "A"}));
+  unlink("B");  // a move does not look the file up again
+  dwnq_insert("B", 4, 0, 0);
+  EXPECT_EQ(order(4), (Names{"B", "C", "D", "A"}));
+  EXPECT_EQ(groups[4].fileCnt, 4u);
+  EXPECT_EQ(groups[4].totalSize, 40u);
+  // A move whose insertion point is the entry itself keeps it and everything behind it.
+  add({"Y"}, 6, 5);
+  add({"Z"}, 6, 6);
+  dwnq_insert("Y", 6, 3, 0);
+  EXPECT_EQ(order(6), (Names{"Y", "Z"}));
+  EXPECT_EQ(groups[6].head->priority, 3);
+}
+
+TEST_F(Queue, RemovalRelinksHeadAndTail) {
+  dwnq_init("q.dat");
+  add({"A", "B", "C"}, 9, 0, 2);
+  dwnq_remove("absent", 9);
+  dwnq_remove("C", 9);
+  EXPECT_STREQ(groups[9].tail->name, "B");
+  dwnq_remove("A", 9);
+  dwnq_remove("B", 9);
+  EXPECT_EQ(groups[9].head, nullptr);
+  EXPECT_EQ(groups[9].tail, nullptr);
+  EXPECT_EQ(groups[9].fileCnt + groups[9].totalSize, 0u);
+}
+
+TEST_F(Queue, RefusedFilesLeaveQueueAndDataFileAlone) {
+  dwnq_init("q.dat");
+  ASSERT_TRUE(kt::writeFile("huge", "") && truncate("huge", off_t{1} << 32) == 0);  // size past 32 bits
+  testing::internal::CaptureStderr();
+  dwnq_insert("missing", 1, 0, 0);
+  dwnq_insert("huge", 1, 0, 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Failed stats\nFile huge too large to queue\n");
+  EXPECT_EQ(groups[1].head, nullptr);
+  EXPECT_EQ(kt::readFile("q.dat"), "");
+}
+
+TEST_F(Queue, CapDropsTheLastEntryOfAFullGroup) {
+  dwnq_init("q.dat");
+  for (int i = 0; i < 1024; ++i) add({("f" + std::to_string(i)).c_str()}, 7, 5);
+  const std::string before = kt::readFile("q.dat");
+  add({"late"}, 7, 5);  // would be last itself: dropped, the file rewritten as it was
+  EXPECT_EQ(groups[7].fileCnt, 1024u);
+  EXPECT_EQ(kt::readFile("q.dat"), before);
+  add({"urgent"}, 7, 1);  // goes first; the tail f1023 is dropped
+  const Names now = order(7), recs = dataRecords();
+  EXPECT_EQ(now.size(), 1024u);
+  EXPECT_EQ(now.front() + " " + now.back(), "urgent f1022");
+  EXPECT_EQ(recs.size(), 1024u);
+  EXPECT_EQ(recs.front() + " " + recs.back(), "urgent/7/1/0 f1022/7/5/0");
+}
+
+TEST_F(Queue, IterationNeedsALoadedQueueAndStopsWhenAsked) {
+  add({"A"}, 2, 0);  // queued before loading: nothing to walk yet
+  EXPECT_TRUE(order(2).empty());
+  dwnq_init("q.dat");
+  add({"A", "B"}, 2, 0);
+  int calls = 0;
+  iterate_listing_group(2, [](const char *, uint8_t, uint8_t, void *n) { return ++*static_cast<int *>(n); }, &calls);
+  EXPECT_EQ(calls, 1);
+}
+
+TEST_F(Queue, DataFileRecordsAppendRewriteAndReload) {
+  dwnq_init("q.dat");  // created empty
+  EXPECT_EQ(dwnq_initialized, 1);
+  kt::writeFile("a.bin", std::string(10, 'x'));
+  dwnq_insert("a.bin", 3, 7, 0x80);
+  EXPECT_EQ(kt::readFile("q.dat"), std::string("\x09\x00" "a.bin\x00" "\x03\x07\x80", 11));
+  add({"A"}, 5, 0);
+  add({"B"}, 1, 0);
+  add({"C"}, 5, 0);
+  dwnq_insert("A", 5, 0, 1);  // a move: rewritten without it, then appended
+  EXPECT_EQ(dataRecords(), (Names{"B/1/0/0", "a.bin/3/7/128", "C/5/0/0", "A/5/0/1"}));
+  dwnq_remove("C", 5);
+  EXPECT_EQ(dataRecords(), (Names{"B/1/0/0", "a.bin/3/7/128", "A/5/0/1"}));
+
+  unlink("B");  // dropped at the next load, kept in the file until a rewrite
+  dwnq_close();
+  testing::internal::CaptureStderr();
+  dwnq_init("q.dat");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Failed stats\n");
+  EXPECT_EQ(order(1).size() + order(3).size() + order(5).size(), 2u);
+  EXPECT_EQ(groups[3].head->size + groups[3].head->flags, 10u + 0x80);
+  EXPECT_EQ(dataRecords().size(), 3u);
+}
+
+TEST_F(Queue, LoadingSkipsMalformedRecordsAndKeepsRecordsNotYetRead) {
+  // Entry length 2 (no room for the attributes), a name without its zero byte, a good
+  // record, one stray byte: nothing past a record is read and the file stays as it was.
+  kt::writeFile("a", "");
+  const std::string bad = std::string("\x02\x00" "ab" "\x06\x00" "abcdef", 12) + record("a", 1) + "\x07";
+  kt::writeFile("q.dat", bad);
+  dwnq_init("q.dat");
+  EXPECT_EQ(order(1), (Names{"a"}));
+  EXPECT_EQ(kt::readFile("q.dat"), bad);
+
+  // An overfull group and a duplicate make loading remove entries; the record read after
+  // them is still loaded, and the file is rewritten once, to match the queue.
+  dwnq_close();
+  std::string file;
+  for (int i = 0; i <= 1024; ++i) file += record("f" + std::to_string(i), 0);
+  for (int i = 0; i <= 1024; ++i) kt::writeFile("f" + std::to_string(i), "");
+  kt::writeFile("q.dat", file + record("f0", 0, 0, 2) + record("a", 1) + record("a", 1).substr(0, 5));
+  dwnq_init("q.dat");  // the last record is cut short: loading stops there
+  const Names g0 = order(0), recs = dataRecords();
+  EXPECT_EQ(g0.size(), 1024u);
+  EXPECT_EQ(g0.front() + " " + g0.back(), "f1 f0");
+  EXPECT_EQ(order(1), (Names{"a"}));
+  ASSERT_EQ(recs.size(), 1025u);
+  EXPECT_EQ(recs[1022] + " " + recs[1023] + " " + recs[1024], "f1023/0/0/0 f0/0/0/2 a/1/0/0");
+}
+
+// The names a report under `limits` lists.
+Names report(std::vector<GroupLimit> limits) {
+  FileListing *l = dwnq_report(limits.empty() ? nullptr : limits.data(), static_cast<int>(limits.size()));
+  const std::string path = listing_file_name(l);
+  listing_destroy(l);
+  Names names;
+  for (const std::string &r : kt::listingRecords(path)) names.push_back(r.substr(r.rfind('/') + 1));
+  unlink(path.c_str());
+  return names;
+}
+
+TEST_F(Queue, ReportCutsEachGroupByItsOwnLimits) {
+  dwnq_init("q.dat");
+  EXPECT_EQ(report({}), Names{});  // an empty queue: a valid, empty listing
+  for (auto [name, size] : {std::pair{"a1", 60}, {"a2", 30}, {"a3", 20}, {"a4", 5}}) add({name}, 1, 0, size);
+  add({"b1", "b2", "b3", "b4", "b5"}, 2, 0);
+  for (auto [name, size] : {std::pair{"c1", 60}, {"c2", 30}, {"c3", 5}}) add({name}, 4, 0, size);
+  EXPECT_EQ(report({}), (Names{"a1", "a2", "a3", "a4", "b1", "b2", "b3", "b4", "b5", "c1", "c2", "c3"}));
+  EXPECT_EQ(report({{2, 0, 3}}), (Names{"b1", "b2", "b3"}));
+  EXPECT_EQ(report({{1, 100, 0}}), (Names{"a1", "a2"}));  // the 20 would pass 100: the 5 is not tried
+  EXPECT_EQ(report({{4, 90, 0}}), (Names{"c1", "c2"}));   // 90 reached
+  EXPECT_EQ(report({{1, 0, 2}, {4, 0, 0}}), (Names{"a1", "a2", "c1", "c2", "c3"}));
+  EXPECT_EQ(report({{2, 0, 1}, {2, 0, 4}}), (Names{"b1"}));  // the first limit for a group wins
+  EXPECT_EQ(report({{7, 10, 10}}), Names{});
+  EXPECT_EQ(report({{1, 65, 1}}), (Names{"a1"}));
+  // 60 + 20 + 5 + 0xFFFFFFF0 passes 100, though the 32-bit sum would wrap to 69.
+  ASSERT_TRUE(kt::writeFile("big", "") && truncate("big", 0xFFFFFFF0) == 0);
+  dwnq_insert("big", 1, 0, 0x41);
+  dwnq_remove("a2", 1);
+  EXPECT_EQ(report({{1, 100, 0}}), (Names{"a1", "a3", "a4"}));
+  FileListing *l = dwnq_report(nullptr, 0);
+  EXPECT_EQ(kt::listingRecords(listing_file_name(l)).at(3), "41/1/0/4294967280/big");
+  unlink(listing_file_name(l));
+  listing_destroy(l);
+}
+
+}  // namespace

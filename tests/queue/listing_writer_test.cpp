@@ -1,0 +1,107 @@
+// The listing writer and the directory scan: files that an independent inflater (Python's
+// zlib) decodes to the exact record bytes, and the records a directory tree yields.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "queue/downlink_queue.hpp"
+#include "tests/listing/listing_records.hpp"
+#include "tests/support/test_support.hpp"
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+// The file's decompressed content as Python's zlib sees it, in hex.
+std::string pythonInflateHex(const std::string &path) {
+  const std::string cmd = "python3 -c \"import sys,zlib;sys.stdout.write(zlib.decompress("
+                          "open(sys.argv[1],'rb').read()).hex())\" " + path;
+  std::string hex;
+  FILE *p = popen(cmd.c_str(), "r");
+  for (int c; p != nullptr && (c = fgetc(p)) != EOF;) hex += static_cast<char>(c);
+  return p != nullptr && pclose(p) == 0 ? hex : "python3 failed";
+}
+
+// Finishes and frees the listing, returning its file's path after checking its name.
+std::string finish(FileListing *l, const std::string &prefix) {
+  const std::string path = listing_file_name(l);
+  EXPECT_EQ(path.substr(0, prefix.size()), prefix);
+  EXPECT_EQ(path.size(), prefix.size() + 6);
+  listing_destroy(l);  // finishes a listing still open
+  return path;
+}
+
+TEST(ListingWriter, RecordsDecodeIndependentlyToTheirExactBytes) {
+  FileListing *l = listing_init(1);
+  ASSERT_NE(l, nullptr);
+  std::string longName(4118, 'n'), tooLong(5000, 'm');
+  File files[] = {{const_cast<char *>(""), 0, 0, 0, 0, nullptr},
+                  {const_cast<char *>("a.bin"), 1, 2, 0x80, 0x01020304, nullptr},
+                  {longName.data(), 0, 0, 0, 9, nullptr},
+                  {tooLong.data(), 0, 0, 0, 9, nullptr}};
+  for (File &f : files) listing_add_file(l, &f);
+  const std::string path = finish(l, "/tmp/qreport.");
+  // Group, priority, flags at offsets 6, 7, 8; a name too long for a record is cut to the
+  // 4118 bytes that fit.
+  const std::string golden = "000a00000000000000" "00" "000f01020304010280" "612e62696e00";
+  std::string hexTail;
+  for (char c : kt::rawRecord(longName, 9, 0, 0, 0) + kt::rawRecord(std::string(4118, 'm'), 9, 0, 0, 0)) {
+    char two[3];
+    std::snprintf(two, sizeof two, "%02x", static_cast<unsigned char>(c));
+    hexTail += two;
+  }
+  EXPECT_EQ(pythonInflateHex(path), golden + hexTail);
+  EXPECT_EQ(kt::listingRecords(path), (Names{"0/0/0/0/", "80/1/2/16909060/a.bin", "0/0/0/9/" + longName,
+                                             "0/0/0/9/" + std::string(4118, 'm')}));
+  unlink(path.c_str());
+
+  const std::string empty = finish(listing_init(0), "/tmp/dirlisting.");
+  EXPECT_EQ(pythonInflateHex(empty), "");
+  unlink(empty.c_str());
+}
+
+// The scan's records, sorted (directory order is not fixed).
+Names scan(const std::string &path, int recurse, int hidden) {
+  FileListing *l = listing_from_path(path.c_str(), recurse, hidden);
+  if (l == nullptr) return {"no listing"};
+  const std::string file = finish(l, "/tmp/dirlisting.");
+  Names recs = kt::listingRecords(file);
+  unlink(file.c_str());
+  std::sort(recs.begin(), recs.end());
+  return recs;
+}
+
+TEST(DirScan, RecordsFollowTheRecursionAndHiddenFlags) {
+  const std::string x = kt::makeTempDir();
+  std::filesystem::create_directories(x + "/d");
+  kt::writeFile(x + "/b", "12345");
+  kt::writeFile(x + "/.h", "123");
+  kt::writeFile(x + "/d/c", "1234567");
+  ASSERT_EQ(symlink("nowhere", (x + "/dangling").c_str()), 0);
+  ASSERT_EQ(symlink("d", (x + "/dirlink").c_str()), 0);  // listed like a file, never descended
+  ASSERT_TRUE(kt::writeFile(x + "/huge", "") && truncate((x + "/huge").c_str(), (off_t{1} << 32) + 1) == 0);
+  struct stat d {};
+  ASSERT_EQ(stat((x + "/d").c_str(), &d), 0);
+  const std::string link = "0/0/0/" + std::to_string(d.st_size) + "/" + x + "/dirlink";
+  const auto sorted = [](Names n) { return std::sort(n.begin(), n.end()), n; };
+  const Names common{"0/0/0/5/" + x + "/b", "0/0/0/1024/" + x + "/dangling", "0/0/0/4294967295/" + x + "/huge", link};
+  Names flat = common, deep = common;
+  flat.push_back("80/0/0/0/" + x + "/d");
+  deep.push_back("0/0/0/7/" + x + "/d/c");
+  EXPECT_EQ(scan(x, 0, 0), sorted(flat));
+  EXPECT_EQ(scan(x + "/", 0, 0), sorted(flat));  // no doubled slash
+  EXPECT_EQ(scan(x, 1, 0), sorted(deep));
+  deep.push_back("0/0/0/3/" + x + "/.h");
+  EXPECT_EQ(scan(x, 1, 1), sorted(deep));
+  EXPECT_EQ(scan(x + "/b", 1, 1), Names{});  // a plain file: a valid, empty listing
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(scan(x + "/absent", 1, 1), Names{"no listing"});
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "stat failed on path " + x + "/absent\n");
+  std::filesystem::remove_all(x);
+}
+
+}  // namespace
