@@ -1,5 +1,210 @@
-// Placeholder until this command is built.
-#include "client/client.hpp"
+// The get and resume commands and the download session: one remote file into one local file,
+// continued from its state record when an earlier run left one.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <getopt.h>
+#include <unistd.h>
 
-int get_cmd(int, char **) { return notAvailableYet("get"); }
-int resume_cmd(int, char **) { return notAvailableYet("resume"); }
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "client/client.hpp"
+#include "client/download.hpp"
+#include "client/receive_session.hpp"
+#include "common/packet.hpp"
+#include "station/station.hpp"
+
+namespace {
+
+constexpr int DRAIN_USEC = 250000;
+constexpr int CLOSING_ACKS = 7;
+
+void fillEndpoint(sockaddr_in *target) {
+  std::memset(target, 0, sizeof *target);
+  target->sin_family = AF_INET;
+  target->sin_port = htons(KESTIL_PORT);
+}
+
+}  // namespace
+
+void drain_satellite_spam(int fd) {
+  std::puts("Waiting for satellite to stop spamming...");
+  uint8_t buf[KESTIL_MAX_DATAGRAM];
+  for (;;) {
+    if (select_call(fd, 0, DRAIN_USEC) != 1) return;
+    sockaddr_in from{};
+    errno = 0;
+    int n = socket_read(fd, buf, sizeof buf, &from);
+    if (n > 0 || errno == EAGAIN || errno == EINTR) continue;
+    std::perror("socket read");
+    return;
+  }
+}
+
+void fileGet(int fd, const struct sockaddr_in *target, int, const char *local_filename, const char *remote_filename,
+             int zeroPad, uint32_t lenLimit, int timeout_limit_sec, uint8_t flags, const char *) {
+  char stateName[STATE_NAME_MAX];
+  // Refused before anything is opened: the state file's name would not fit its buffer.
+  if (!downloadStateName(local_filename, stateName)) {
+    std::fprintf(stderr, "Local file name too long: %zu characters, at most %zu\n", std::strlen(local_filename),
+                 LOCAL_NAME_MAX);
+    std::exit(1);
+  }
+
+  outputFd = open(local_filename, O_RDWR | O_CREAT, 0644);
+  if (outputFd < 0) {
+    std::perror(local_filename);
+    cleanup();
+    std::exit(1);
+  }
+
+  ReceiveSession s{};
+  s.policy = &DOWNLOAD_POLICY;
+  s.fd = fd;
+  s.target = target;
+  s.localFd = outputFd;
+  s.localName = local_filename;
+  s.stateName = stateName;
+  s.request = {KESTIL_GET, flags, remote_filename, nullptr, 0};
+  s.lenLimit = lenLimit;
+  s.zeroPad = zeroPad;
+
+  lockLocalFile(s);
+  if (openDownloadState(stateName, remote_filename, target, &s.state) != StateFailure::None) {
+    releaseLocalFile(s);
+    cleanup();
+    std::exit(1);
+  }
+  s.rxSet = &static_cast<SavedRXState *>(s.state.addr)->rxSet;
+  beginSession(s);
+
+  releaseLocalFile(s);
+  gettimeofday(&s.startTime, nullptr);
+  s.lastAckTime = s.startTime;
+  sendSessionRequest(s);
+
+  lockLocalFile(s);
+  s.idleLimitTicks = idleLimitTicks(timeout_limit_sec);
+  receiveLoop(s);
+
+  // An error report leaves both files for a resume; the lock ends with the process.
+  if (s.errorOut) std::exit(14);
+
+  if (!vectorIsFinished(s.rxSet)) {
+    sendAcks(s, CLOSING_ACKS, 1);
+    releaseLocalFile(s);
+    std::printf("\n");
+    drain_satellite_spam(fd);
+    std::exit(13);
+  }
+
+  finishTransfer(s);
+  drain_satellite_spam(fd);
+  close(fd);
+  ::fd = -1;
+  if (!s.success) std::exit(11);
+  if (!s.md5Valid) std::exit(12);
+}
+
+int get_cmd(int argc, char **argv) {
+  const char *host = "127.0.0.1";
+  const char *localName = nullptr;
+  int zeroPad = 0;
+  uint32_t lenLimit = 0;
+  long timeoutSec = 1000;
+  uint8_t flags = 0;
+
+  optind = 0;
+  int c;
+  while ((c = getopt(argc, argv, "h:o:zl:t:cL")) != -1) {
+    switch (c) {
+      case 'h': host = optarg; break;
+      case 'o': localName = optarg; break;
+      case 'z': zeroPad = 1; break;
+      case 'l': lenLimit = static_cast<uint32_t>(std::atol(optarg)); break;
+      case 't': timeoutSec = std::atol(optarg); break;
+      case 'c': flags |= KESTIL_FLAG_C; break;
+      case 'L': flags |= KESTIL_FLAG_LONG_NAME; break;
+      default:
+        std::puts("get [-h host] [-o <local file>] [-z] [-c] [-L] <remote file>");
+        return 0;
+    }
+  }
+  if (optind >= argc) {
+    std::puts("get [-h host] [-o <local file>] [-z] [-c] [-L] <remote file>");
+    return 0;
+  }
+  const char *remoteName = argv[optind];
+  if (localName == nullptr) {
+    const char *slash = std::strrchr(remoteName, '/');
+    localName = slash != nullptr ? slash + 1 : remoteName;
+  }
+
+  fd = socket_init(0);
+  sockaddr_in target;
+  fillEndpoint(&target);
+  if (socket_resolve_host(host, &target.sin_addr) == 0) {
+    std::fputs("inet_aton() failed\n", stderr);
+    cleanup();
+    std::exit(1);
+  }
+  fileGet(fd, &target, sizeof target, localName, remoteName, zeroPad, lenLimit, clampSeconds(timeoutSec), flags,
+          host);
+  return 0;
+}
+
+int resume_cmd(int argc, char **argv) {
+  int zeroPad = 0;
+  uint32_t lenLimit = 0;
+  long timeoutSec = 1000;
+  uint8_t flags = 0;
+
+  optind = 0;
+  int c;
+  while ((c = getopt(argc, argv, "Lzl:t:")) != -1) {
+    switch (c) {
+      case 'L': flags |= KESTIL_FLAG_LONG_NAME; break;
+      case 'z': zeroPad = 1; break;
+      case 'l': lenLimit = static_cast<uint32_t>(std::atol(optarg)); break;
+      case 't': timeoutSec = std::atol(optarg); break;
+      default:
+        std::puts("resume [-z] [-l <size limit>] [-L] <partial file>");
+        return 0;
+    }
+  }
+  if (optind >= argc) {
+    std::puts("resume [-z] [-l <size limit>] [-L] <partial file>");
+    return 0;
+  }
+  const char *partial = argv[optind];
+  char stateName[STATE_NAME_MAX];
+  if (!downloadStateName(partial, stateName)) {
+    std::fprintf(stderr, "Local file name too long: %zu characters, at most %zu\n", std::strlen(partial),
+                 LOCAL_NAME_MAX);
+    std::exit(1);
+  }
+
+  int sfd = open(stateName, O_RDONLY);
+  if (sfd < 0) {
+    std::perror("No partial download state found");
+    std::exit(1);
+  }
+  static SavedRXState tmpVec;
+  errno = 0;
+  if (read(sfd, &tmpVec, sizeof tmpVec) != static_cast<ssize_t>(sizeof tmpVec)) {
+    std::perror("Bad resume state read");
+    std::exit(1);
+  }
+  close(sfd);
+  tmpVec.filename[STATE_REMOTE_NAME_MAX] = '\0';  // the name comes from a file
+
+  fd = socket_init(0);
+  sockaddr_in target;
+  fillEndpoint(&target);
+  std::memcpy(&target.sin_addr.s_addr, tmpVec.src.addr, 4);
+  fileGet(fd, &target, sizeof target, partial, tmpVec.filename, zeroPad, lenLimit, clampSeconds(timeoutSec), flags,
+          nullptr);
+  return 0;
+}

@@ -36,7 +36,8 @@ namespace {
 
 // Steps shared by both record kinds: create the record when needed, open it, check its size
 // and map it. `initial` is the record written on creation.
-StateFailure openState(const char *stateName, const void *initial, size_t recordSize, StateMapping *out) {
+StateFailure openState(const char *stateName, const void *initial, size_t recordSize, size_t vectorOffset,
+                       StateMapping *out) {
   struct stat st {};
   bool create = stat(stateName, &st) != 0;
   // A shorter file can only be left by a creation cut off before its one write, before any
@@ -79,6 +80,16 @@ StateFailure openState(const char *stateName, const void *initial, size_t record
     close(sfd);
     return StateFailure::Fatal;
   }
+  // The ring index and base come from a file: values the vector operations could not have left
+  // would send them outside the ring.
+  BlkRxVector vec;
+  std::memcpy(&vec, static_cast<const uint8_t *>(addr) + vectorOffset, sizeof vec);
+  if (vec.head < 0 || vec.head > 127 || vec.blkNumBase % 8 != 0 || (vec.lastBlk != 0 && vec.block_size == 0)) {
+    std::fprintf(stderr, "State file %s is damaged: its block vector cannot be used\n", stateName);
+    munmap(addr, recordSize);
+    close(sfd);
+    return StateFailure::Fatal;
+  }
   out->fd = sfd;
   out->addr = addr;
   out->size = recordSize;
@@ -91,7 +102,7 @@ StateFailure openDownloadState(const char *stateName, const char *remoteName, co
                                StateMapping *out) {
   SavedRXState initial;
   initSavedRXState(&initial, remoteName, src);
-  return openState(stateName, &initial, sizeof initial, out);
+  return openState(stateName, &initial, sizeof initial, offsetof(SavedRXState, rxSet), out);
 }
 
 StateFailure openVectorState(const char *stateName, StateMapping *out) {
@@ -100,7 +111,7 @@ StateFailure openVectorState(const char *stateName, StateMapping *out) {
   initBlkRxVector(&initial, 1);
   initial.lastBlk = 0;
   initial.uniqueBlkCnt = 0;
-  return openState(stateName, &initial, sizeof initial, out);
+  return openState(stateName, &initial, sizeof initial, 0, out);
 }
 
 void closeState(StateMapping *m) {
