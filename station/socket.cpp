@@ -25,6 +25,29 @@ int servicePort(const char *service) {
   return -1;
 }
 
+// True when `host` has the shape of a DNS host name: labels of 1 to 63 letters, digits and
+// hyphens, not starting with a hyphen, 253 characters at most, and not all digits (a
+// malformed dotted address). Anything else fails without asking the resolver.
+bool looksLikeHostName(std::string_view host) {
+  if (host.empty() || host.size() > 253) return false;
+  bool onlyDigits = true;
+  size_t label = 0;
+  for (char c : host) {
+    if (c == '.') {
+      if (label == 0) return false;
+      label = 0;
+      continue;
+    }
+    bool alpha = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+    bool digit = c >= '0' && c <= '9';
+    if (!alpha && !digit && c != '-') return false;
+    if (c == '-' && label == 0) return false;
+    if (!digit) onlyDigits = false;
+    if (++label > 63) return false;
+  }
+  return !onlyDigits;
+}
+
 }  // namespace
 
 int socket_init(int port) {
@@ -60,6 +83,7 @@ int socket_write(int fd, const void *buf, int len, const struct sockaddr_in *to)
 int socket_resolve_host(const char *host, struct in_addr *addr) {
   if (host == nullptr || addr == nullptr || *host == '\0') return 0;
   if (inet_aton(host, addr) != 0) return 1;
+  if (!looksLikeHostName(host)) return 0;
   addrinfo hints{};
   hints.ai_family = AF_INET;
   hints.ai_socktype = SOCK_DGRAM;
