@@ -1,0 +1,38 @@
+// The simulator's command line: what it serves, where it listens, and how the emulated
+// link between it and its clients behaves.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <string>
+
+#include "sim/link_emulator.hpp"
+
+struct SimOptions {
+  std::string root = ".";
+  in_addr addr{};                  // the exact address to bind (never a wildcard)
+  uint16_t port = 3223;            // transfer service
+  uint16_t filemgrPort = 3224;     // file-manager service
+  std::string queueFile;           // empty: the default inside the root
+  LinkConfig link;
+  bool verbose = false;            // -v: the protocol trace on standard output
+  uint32_t idleS = 60;             // a transfer with no datagram for this long is dropped
+  uint32_t pace = 0;               // datagrams per second per transfer; 0: derived from --rate
+  uint32_t ackIntervalMs = 500;    // upload acknowledgements: at least this often ...
+  uint32_t ackBlocks = 64;         // ... or after this many new blocks
+  bool relay = false;              // relay mode: no services, only the emulated link
+  sockaddr_in relayListen{};
+  sockaddr_in relayUpstream{};
+};
+
+enum class ParseOutcome : uint8_t { Run, Help, Error };
+
+// Fills `opts` from argv[1..]; on Error `error` holds a one-line explanation.
+[[nodiscard]] ParseOutcome parseSimOptions(int argc, const char *const *argv, SimOptions *opts,
+                                           std::string *error);
+// The usage text printed for --help and after an option error.
+const char *simUsage();
+// Datagrams per second a transfer is paced at: --pace, else the link rate's worth of full
+// blocks of `blockSize` bytes, else a loopback-friendly default.
+uint32_t effectivePace(const SimOptions &opts, uint32_t blockSize);

@@ -1,0 +1,658 @@
+// The transfer service. A sending session (get, ls, report) paces metadata and blocks out
+// through the transmit scheduler and folds in the client's acknowledgements; a receiving
+// session (put) stores blocks through the incoming processing into a temporary file and
+// acknowledges regularly; rm is answered by deleting, with no reply.
+#include "sim/transfer_service.hpp"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "common/common.hpp"
+#include "common/wire_codec.hpp"
+#include "listing/listing.hpp"
+#include "queue/downlink_queue.hpp"
+#include "sim/path_confine.hpp"
+
+namespace {
+
+constexpr int64_t HOUSEKEEPING_US = 1000000;
+// Shortest gap between two sending bursts of one session; bursts carry the credit earned.
+constexpr int64_t MIN_PUMP_GAP_US = 2000;
+// The transmit routine's datagram reaches the capture socket at once on loopback; this only
+// bounds the wait should the host be very busy.
+constexpr int CAPTURE_WAIT_MS = 200;
+
+enum class SendKind : uint8_t { File, Listing, Report };
+enum class ReceiveState : uint8_t { Receiving, Done, Refused };
+
+struct ReportedEntry {
+  std::string name;
+  uint8_t group;
+};
+
+}  // namespace
+
+struct TransferSession {
+  sockaddr_in peer{};
+  uint8_t requestCode = 0;
+  std::string requestName;     // as the client sent it; a repeat must match it
+  int64_t lastHeardUs = 0;
+  bool sending = false;
+
+  // Sending (get, ls, report).
+  SendKind sendKind = SendKind::File;
+  KESTIL_TXState tx{};
+  bool passExhausted = false;  // nothing sendable until the next acknowledgement
+  double credit = 0.0;
+  uint32_t pace = 1;
+  int64_t lastCreditUs = 0;
+  uint64_t pumpTimer = 0;
+  bool removeOnConfirm = false;
+  std::vector<ReportedEntry> reported;
+
+  // Receiving (put).
+  ReceiveState rxState = ReceiveState::Receiving;
+  BlkRxVector rx{};
+  uint32_t fileSize = 0;
+  KestilTimespec modTime{};
+  int tmpFd = -1;
+  std::string tmpPath;
+  std::string finalPath;
+  uint32_t newSinceAck = 0;
+  uint64_t ackTimer = 0;
+  uint8_t refusal[KESTIL_ERROR_LEN]{};
+};
+
+namespace {
+
+uint64_t peerKey(const sockaddr_in &a) {
+  return static_cast<uint64_t>(ntohl(a.sin_addr.s_addr)) << 16 | ntohs(a.sin_port);
+}
+
+std::string peerText(const sockaddr_in &a) {
+  char buf[INET_ADDRSTRLEN] = "?";
+  inet_ntop(AF_INET, &a.sin_addr, buf, sizeof buf);
+  return std::string(buf) + ":" + std::to_string(ntohs(a.sin_port));
+}
+
+void send(TransferService *svc, int64_t now, const uint8_t *d, size_t len, const sockaddr_in &to) {
+  esSend(&svc->sock, now, d, static_cast<int>(len), to);
+}
+
+void encodeFailure(uint8_t *dst, uint8_t code, SimErrorReason reason, int err, uint8_t requestCode) {
+  KESTIL_error e{static_cast<int32_t>(reason), err, requestCode};
+  encodeError(dst, KESTIL_ERROR_LEN, e);
+  dst[0] = code;  // a put refusal carries the error report's three numbers
+}
+
+void sendErrorReport(TransferService *svc, int64_t now, const sockaddr_in &to, SimErrorReason reason, int err,
+                     uint8_t requestCode) {
+  uint8_t d[KESTIL_ERROR_LEN];
+  encodeFailure(d, KESTIL_ERROR, reason, err, requestCode);
+  send(svc, now, d, sizeof d, to);
+}
+
+// The transmit routine writes its datagram to a socket; the simulator hands it a private
+// loopback socket that it reads straight back, so every datagram still passes the link.
+int captureTx(TransferService *svc, KESTIL_TXState *tx, uint8_t *out, int *outLen) {
+  int result = tx_func(tx, svc->captureFd, &svc->captureAddr);
+  *outLen = 0;
+  if (result < 0) return result;
+  pollfd p{svc->captureFd, POLLIN, 0};
+  if (poll(&p, 1, CAPTURE_WAIT_MS) == 1) {
+    ssize_t n = recv(svc->captureFd, out, KESTIL_MAX_DATAGRAM, MSG_DONTWAIT);
+    if (n > 0) *outLen = static_cast<int>(n);
+  }
+  return result;
+}
+
+void endSession(TransferService *svc, TransferSession *s, int64_t now, const char *why);
+
+void schedulePump(TransferService *svc, TransferSession *s, int64_t dueUs);
+
+void pump(TransferService *svc, TransferSession *s, int64_t now) {
+  s->pumpTimer = 0;
+  double earned = static_cast<double>(s->pace) * static_cast<double>(now - s->lastCreditUs) / 1e6;
+  s->lastCreditUs = now;
+  // Credit saved while waiting for an acknowledgement is not spent in one burst later.
+  double cap = std::max(2.0, static_cast<double>(s->pace) * 0.02);
+  s->credit = std::min(cap, s->credit + earned);
+  uint8_t buf[KESTIL_MAX_DATAGRAM];
+  while (s->credit >= 1.0 && !s->passExhausted) {
+    int len = 0;
+    bool metadata = s->tx.nextBlkNum == 0;
+    int result = captureTx(svc, &s->tx, buf, &len);
+    // A block whose read failed is not charged and stays next; the burst ends and the block
+    // is tried again at the next one.
+    if (result < 0 && !metadata) break;
+    if (len > 0) send(svc, now, buf, static_cast<size_t>(len), s->peer);
+    s->tx.nextBlkNum++;
+    s->credit -= 1.0;
+    uint32_t vecEnd = tx_advance_nextBlkNum(&s->tx);
+    if (s->tx.nextBlkNum >= s->tx.rxVec.lastBlk || s->tx.nextBlkNum >= vecEnd) s->passExhausted = true;
+  }
+  if (!s->passExhausted) {
+    int64_t gap = static_cast<int64_t>((1.0 - std::min(s->credit, 1.0)) * 1e6 / s->pace);
+    schedulePump(svc, s, now + std::max(gap, MIN_PUMP_GAP_US));
+  }
+}
+
+void schedulePump(TransferService *svc, TransferSession *s, int64_t dueUs) {
+  if (s->pumpTimer != 0) return;
+  s->pumpTimer = loopAddTimer(svc->loop, dueUs, [svc, s](int64_t now) { pump(svc, s, now); });
+}
+
+// After an acknowledgement: a pass that ran out may wrap back to the lowest missing block.
+void resumeAfterAck(TransferService *svc, TransferSession *s, int64_t now) {
+  if (!s->passExhausted) return;
+  uint32_t vecEnd = tx_advance_nextBlkNum(&s->tx);
+  if (s->tx.nextBlkNum < s->tx.rxVec.lastBlk && s->tx.nextBlkNum < vecEnd) {
+    s->passExhausted = false;
+    s->lastCreditUs = now;
+    s->credit = std::max(s->credit, 1.0);
+    schedulePump(svc, s, now);
+  }
+}
+
+// A request carries its acknowledgement right after the name's NUL.
+void applyPiggyBack(TransferSession *s, const uint8_t *d, int len, size_t ackOffset) {
+  if (static_cast<size_t>(len) <= ackOffset) return;
+  rx_func(&s->tx, d + ackOffset, len - static_cast<int>(ackOffset));
+}
+
+std::unique_ptr<TransferSession> newSession(const sockaddr_in &peer, uint8_t code, const char *name, int64_t now) {
+  auto s = std::make_unique<TransferSession>();
+  s->peer = peer;
+  s->requestCode = code;
+  s->requestName = name;
+  s->lastHeardUs = now;
+  return s;
+}
+
+// Starts sending the open file `fd` (owned from here on) to the session's client.
+void startSending(TransferService *svc, TransferSession *s, int fd, uint16_t blockSize, int64_t now) {
+  s->sending = true;
+  KESTIL_TXState &tx = s->tx;
+  tx.blkSize = blockSize;
+  tx.reqId = htonl(KESTIL_REQ_ID);
+  tx.fd = fd;
+  fstat(fd, &tx.stat);
+  tx.size = static_cast<uint32_t>(tx.stat.st_size);
+  initBlkRxVector(&tx.rxVec, blockSize);
+  setBlkRxVectorFileSize(&tx.rxVec, tx.size);
+  cacheFile(&tx);
+  s->pace = effectivePace(*svc->opts, blockSize);
+  s->credit = 1.0;  // the metadata goes out at once
+  s->lastCreditUs = now;
+  schedulePump(svc, s, now);
+}
+
+void closeSending(TransferService *svc, TransferSession *s) {
+  loopCancelTimer(svc->loop, s->pumpTimer);
+  s->pumpTimer = 0;
+  std::free(s->tx.fileContents);
+  s->tx.fileContents = nullptr;
+  if (s->tx.fd >= 0) close(s->tx.fd);
+  s->tx.fd = -1;
+}
+
+void closeReceiving(TransferService *svc, TransferSession *s) {
+  loopCancelTimer(svc->loop, s->ackTimer);
+  s->ackTimer = 0;
+  if (s->tmpFd >= 0) close(s->tmpFd);
+  s->tmpFd = -1;
+  // An upload that did not complete leaves nothing behind.
+  if (!s->tmpPath.empty()) unlink(s->tmpPath.c_str());
+  s->tmpPath.clear();
+}
+
+void endSession(TransferService *svc, TransferSession *s, int64_t now, const char *why) {
+  traceNote(*svc->trace, now, "%s: transfer of '%s' ends: %s", peerText(s->peer).c_str(), s->requestName.c_str(),
+            why);
+  if (s->sending) {
+    closeSending(svc, s);
+  } else {
+    closeReceiving(svc, s);
+  }
+  svc->sessions.erase(peerKey(s->peer));
+}
+
+// ---- get, ls, report ----
+
+// A finished listing file is served from an open descriptor; its name is removed at once,
+// so nothing is left in the temporary directory whatever becomes of the transfer.
+int openAndRemoveListing(FileListing *listing) {
+  if (listing == nullptr) return -1;
+  const char *name = listing_file_name(listing);
+  int fd = open(name, O_RDONLY | O_CLOEXEC);
+  unlink(name);
+  listing_destroy(listing);
+  return fd;
+}
+
+// Each start answers whether the session stays: a get answered with an error report, or a
+// listing that could not be made, leaves no transfer behind.
+bool startGet(TransferService *svc, TransferSession *s, const KESTIL_get &req, const uint8_t *d, int len,
+              int64_t now) {
+  std::string rel;
+  PathVerdict verdict = confinePath(svc->rootReal, req.name, &rel);
+  if (verdict != PathVerdict::Inside) {
+    traceNote(*svc->trace, now, "get '%s' refused: %s", req.name, pathVerdictText(verdict));
+    sendErrorReport(svc, now, s->peer, SimErrorReason::PathRefused, EACCES, KESTIL_GET);
+    return false;
+  }
+  if (req.blocksize == 0) {
+    sendErrorReport(svc, now, s->peer, SimErrorReason::BadRequest, EINVAL, KESTIL_GET);
+    return false;
+  }
+  int fd = open(rel.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    int err = errno;
+    traceNote(*svc->trace, now, "get '%s': %s", rel.c_str(), std::strerror(err));
+    sendErrorReport(svc, now, s->peer, SimErrorReason::CannotOpen, err, KESTIL_GET);
+    return false;
+  }
+  struct stat st{};
+  fstat(fd, &st);
+  if (!S_ISREG(st.st_mode) || st.st_size > static_cast<off_t>(UINT32_MAX)) {
+    close(fd);
+    bool dir = S_ISDIR(st.st_mode);
+    sendErrorReport(svc, now, s->peer, S_ISREG(st.st_mode) ? SimErrorReason::TooLarge : SimErrorReason::NotAFile,
+                    dir ? EISDIR : (S_ISREG(st.st_mode) ? EFBIG : EINVAL), KESTIL_GET);
+    return false;
+  }
+  startSending(svc, s, fd, req.blocksize, now);
+  if (req.hasAck) applyPiggyBack(s, d, len, 9 + req.nameLen);
+  traceNote(*svc->trace, now, "get '%s': %u bytes in blocks of %u", rel.c_str(), s->tx.size, req.blocksize);
+  return true;
+}
+
+bool startListing(TransferService *svc, TransferSession *s, const KESTIL_get &req, int64_t now) {
+  std::string rel;
+  PathVerdict verdict = confinePath(svc->rootReal, req.name, &rel);
+  FileListing *listing = nullptr;
+  if (verdict == PathVerdict::Inside) {
+    listing = listing_from_path(rel.c_str(), (req.flags & KESTIL_LS_FLAG_R) != 0, (req.flags & KESTIL_LS_FLAG_A) != 0);
+  } else {
+    traceNote(*svc->trace, now, "ls '%s' refused: %s", req.name, pathVerdictText(verdict));
+  }
+  // A refused or missing path gets an empty listing: the client ends at once, with nothing to print.
+  if (listing == nullptr) {
+    listing = listing_init(0);
+    listing_done_adding(listing);
+  }
+  int fd = openAndRemoveListing(listing);
+  if (fd < 0) return false;  // nothing to serve: the client gives up on its own
+  startSending(svc, s, fd, req.blocksize == 0 ? KESTIL_BLOCK_SIZE : req.blocksize, now);
+  traceNote(*svc->trace, now, "ls '%s' (flags %u): listing of %u bytes", rel.c_str(), req.flags, s->tx.size);
+  return true;
+}
+
+void collectReported(void *param, uint8_t, uint8_t group, uint8_t, uint32_t, const char *filename) {
+  static_cast<std::vector<ReportedEntry> *>(param)->push_back({filename, group});
+}
+
+bool startReport(TransferService *svc, TransferSession *s, const KESTIL_qreport &req, int64_t now) {
+  // The request's limits arrive decoded to plain numbers, as the report builder reads them.
+  GroupLimit limits[KESTIL_MAX_GROUP_LIMITS];
+  std::copy(req.limits, req.limits + req.num_grps, limits);
+  FileListing *listing = dwnq_report(req.num_grps > 0 ? limits : nullptr, req.num_grps);
+  if (listing == nullptr) return false;
+  s->removeOnConfirm = (req.flags & KESTIL_LS_FLAG_R) != 0;
+  if (s->removeOnConfirm) iterate_dirlisting(listing_file_name(listing), collectReported, &s->reported);
+  int fd = openAndRemoveListing(listing);
+  if (fd < 0) return false;
+  startSending(svc, s, fd, req.blocksize == 0 ? KESTIL_BLOCK_SIZE : req.blocksize, now);
+  traceNote(*svc->trace, now, "report (%u limits%s): %u bytes", req.num_grps,
+            s->removeOnConfirm ? ", remove on confirmation" : "", s->tx.size);
+  return true;
+}
+
+void onSenderAck(TransferService *svc, TransferSession *s, const uint8_t *d, int len, int64_t now) {
+  if (d[0] == KESTIL_VECACK_FINAL) {
+    endSession(svc, s, now, "the client stopped (closing acknowledgement)");
+    return;
+  }
+  if (rx_func(&s->tx, d, len) == 1) {
+    // The first complete acknowledgement is the client's confirmation.
+    if (s->removeOnConfirm) {
+      for (const ReportedEntry &e : s->reported) dwnq_remove(e.name.c_str(), e.group);
+      traceNote(*svc->trace, now, "report confirmed: %zu entries leave the queue", s->reported.size());
+    }
+    endSession(svc, s, now, "complete");
+    return;
+  }
+  resumeAfterAck(svc, s, now);
+}
+
+// ---- put ----
+
+void sendReceiverAck(TransferService *svc, TransferSession *s, int64_t now) {
+  uint8_t d[KESTIL_VECACK_MAX_LEN + 1];
+  int n = fill_vecack_packet(d, KESTIL_VECACK_MAX_LEN, &s->rx, 0);
+  if (n > 0) send(svc, now, d, static_cast<size_t>(n), s->peer);
+  s->newSinceAck = 0;
+}
+
+void refusePut(TransferService *svc, TransferSession *s, SimErrorReason reason, int err, int64_t now) {
+  encodeFailure(s->refusal, KESTIL_PUT_FAILURE, reason, err, KESTIL_PUT);
+  s->rxState = ReceiveState::Refused;
+  closeReceiving(svc, s);
+  send(svc, now, s->refusal, sizeof s->refusal, s->peer);
+}
+
+void scheduleAck(TransferService *svc, TransferSession *s, int64_t now) {
+  int64_t due = now + static_cast<int64_t>(svc->opts->ackIntervalMs) * 1000;
+  s->ackTimer = loopAddTimer(svc->loop, due, [svc, s](int64_t t) {
+    s->ackTimer = 0;
+    if (s->rxState != ReceiveState::Receiving) return;
+    sendReceiverAck(svc, s, t);
+    scheduleAck(svc, s, t);
+  });
+}
+
+void startPut(TransferService *svc, TransferSession *s, const KESTIL_get &req, int64_t now) {
+  s->sending = false;
+  initBlkRxVector(&s->rx, req.blocksize);
+  std::string rel;
+  PathVerdict verdict = confinePath(svc->rootReal, req.name, &rel);
+  if (verdict != PathVerdict::Inside || rel == ".") {
+    traceNote(*svc->trace, now, "put '%s' refused: %s", req.name, pathVerdictText(verdict));
+    refusePut(svc, s, SimErrorReason::PathRefused, EACCES, now);
+    return;
+  }
+  if (req.blocksize == 0) {
+    refusePut(svc, s, SimErrorReason::BadRequest, EINVAL, now);
+    return;
+  }
+  struct stat st{};
+  if (stat(rel.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
+    refusePut(svc, s, SimErrorReason::NotAFile, S_ISDIR(st.st_mode) ? EISDIR : EINVAL, now);
+    return;
+  }
+  // The upload grows in a hidden file beside its target and is renamed into place only once
+  // its digest matches, so a reader never sees half a file under the real name.
+  size_t slash = rel.rfind('/');
+  std::string dir = slash == std::string::npos ? "." : rel.substr(0, slash);
+  std::string base = slash == std::string::npos ? rel : rel.substr(slash + 1);
+  std::string templ = dir + "/." + base + ".kestil-sim-part.XXXXXX";
+  std::vector<char> buf(templ.begin(), templ.end());
+  buf.push_back('\0');
+  int fd = mkstemp(buf.data());
+  if (fd < 0) {
+    int err = errno;
+    traceNote(*svc->trace, now, "put '%s': cannot create: %s", rel.c_str(), std::strerror(err));
+    refusePut(svc, s, SimErrorReason::CannotStore, err, now);
+    return;
+  }
+  s->tmpFd = fd;
+  s->tmpPath = buf.data();
+  s->finalPath = rel;
+  traceNote(*svc->trace, now, "put '%s': receiving in blocks of %u", rel.c_str(), req.blocksize);
+  sendReceiverAck(svc, s, now);
+  scheduleAck(svc, s, now);
+}
+
+void finishPut(TransferService *svc, TransferSession *s, int64_t now) {
+  uint8_t digest[16];
+  md5_fd(s->tmpFd, digest);
+  if (std::memcmp(digest, s->rx.md5, sizeof digest) != 0) {
+    traceNote(*svc->trace, now, "put '%s': digest mismatch", s->finalPath.c_str());
+    refusePut(svc, s, SimErrorReason::DigestMismatch, 0, now);
+    return;
+  }
+  timespec times[2];
+  times[0].tv_sec = s->modTime.tv_sec;
+  times[0].tv_nsec = s->modTime.tv_nsec >= 0 && s->modTime.tv_nsec < 1000000000 ? s->modTime.tv_nsec : 0;
+  times[1] = times[0];
+  bool ok = ftruncate(s->tmpFd, static_cast<off_t>(s->fileSize)) == 0 && fchmod(s->tmpFd, 0644) == 0 &&
+            futimens(s->tmpFd, times) == 0 && rename(s->tmpPath.c_str(), s->finalPath.c_str()) == 0;
+  if (!ok) {
+    int err = errno;
+    traceNote(*svc->trace, now, "put '%s': cannot store: %s", s->finalPath.c_str(), std::strerror(err));
+    refusePut(svc, s, SimErrorReason::CannotStore, err, now);
+    return;
+  }
+  s->tmpPath.clear();  // moved into place: nothing to remove any more
+  close(s->tmpFd);
+  s->tmpFd = -1;
+  loopCancelTimer(svc->loop, s->ackTimer);
+  s->ackTimer = 0;
+  s->rxState = ReceiveState::Done;
+  traceNote(*svc->trace, now, "put '%s': stored %u bytes", s->finalPath.c_str(), s->fileSize);
+  sendReceiverAck(svc, s, now);
+}
+
+// Every datagram of a finished upload is answered with its outcome, so a client that lost
+// the completing acknowledgement still hears it.
+void answerFinishedPut(TransferService *svc, TransferSession *s, int64_t now) {
+  if (s->rxState == ReceiveState::Done) {
+    sendReceiverAck(svc, s, now);
+  } else {
+    send(svc, now, s->refusal, sizeof s->refusal, s->peer);
+  }
+}
+
+void onPutDatagram(TransferService *svc, TransferSession *s, const uint8_t *d, int len, const sockaddr_in &from,
+                   int64_t now) {
+  if (s->rxState != ReceiveState::Receiving) {
+    answerFinishedPut(svc, s, now);
+    return;
+  }
+  uint32_t before = s->rx.uniqueBlkCnt;
+  // Before the metadata the size is unknown: blocks are bounded by the vector alone.
+  uint32_t bound = s->rx.lastBlk != 0 ? s->fileSize : UINT32_MAX;
+  if (processData(d, len, s->tmpFd, bound, &s->rx, 0) == 0) {
+    uint32_t size = 0;
+    KestilTimespec mod{};
+    if (processMetadata(d, len, &s->peer, &from, &size, KESTIL_REQ_ID, &mod, s->rx.md5) == 0) return;
+    s->fileSize = size;
+    if (s->rx.lastBlk == 0) {
+      setBlkRxVectorFileSize(&s->rx, size);
+      addBlkToVector(&s->rx, 0);
+      s->rx.modTime = mod;
+      s->modTime = mod;
+      s->newSinceAck++;
+    }
+  } else if (s->rx.uniqueBlkCnt != before) {
+    s->newSinceAck++;
+  }
+  if (vectorIsFinished(&s->rx)) {
+    finishPut(svc, s, now);
+  } else if (s->newSinceAck >= svc->opts->ackBlocks) {
+    sendReceiverAck(svc, s, now);
+  }
+}
+
+// ---- rm ----
+
+int removeEntry(const char *path, const struct stat *, int, struct FTW *) { return remove(path); }
+
+void handleRm(TransferService *svc, const uint8_t *d, int len, int64_t now) {
+  KESTIL_rm rm{};
+  if (!decodeRm(d, static_cast<size_t>(len), &rm)) return;
+  bool recursive = (rm.flags & KESTIL_RM_FLAG_RECURSIVE) != 0;
+  bool force = (rm.flags & KESTIL_RM_FLAG_FORCE) != 0;
+  size_t pos = 0;
+  for (const char *name = rmNextName(rm, &pos); name != nullptr; name = rmNextName(rm, &pos)) {
+    std::string rel;
+    PathVerdict verdict = confinePath(svc->rootReal, name, &rel);
+    // The root itself is never removed, whatever the flags.
+    if (verdict != PathVerdict::Inside || rel == ".") {
+      traceNote(*svc->trace, now, "rm '%s' refused: %s", name, rel == "." ? "the served root" : pathVerdictText(verdict));
+      continue;
+    }
+    struct stat st{};
+    if (lstat(rel.c_str(), &st) != 0) {
+      if (!force) traceNote(*svc->trace, now, "rm '%s': %s", rel.c_str(), std::strerror(errno));
+      continue;
+    }
+    int result = 0;
+    if (S_ISDIR(st.st_mode)) {
+      if (!recursive) {
+        traceNote(*svc->trace, now, "rm '%s': a directory, and not recursive", rel.c_str());
+        continue;
+      }
+      // Depth first, never following links: a link inside is removed, not its target.
+      result = nftw(rel.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+    } else {
+      result = unlink(rel.c_str());
+    }
+    if (result != 0 && !force) {
+      traceNote(*svc->trace, now, "rm '%s': %s", rel.c_str(), std::strerror(errno));
+    } else if (result == 0) {
+      traceNote(*svc->trace, now, "rm '%s': removed", rel.c_str());
+    }
+  }
+}
+
+// ---- dispatch ----
+
+void onRequest(TransferService *svc, const uint8_t *d, int len, const sockaddr_in &from, int64_t now) {
+  uint8_t code = d[0];
+  KESTIL_get req{};
+  KESTIL_qreport qreq{};
+  const char *name = "";
+  if (code == KESTIL_QREPORT) {
+    if (!decodeQReport(d, static_cast<size_t>(len), &qreq)) return;
+  } else {
+    if (!decodeGetRequest(d, static_cast<size_t>(len), &req)) return;
+    name = req.name;
+  }
+  uint64_t key = peerKey(from);
+  auto it = svc->sessions.find(key);
+  if (it != svc->sessions.end()) {
+    TransferSession *s = it->second.get();
+    if (s->requestCode == code && s->requestName == name) {
+      // A repeated request continues its transfer.
+      s->lastHeardUs = now;
+      if (!s->sending) {
+        if (s->rxState == ReceiveState::Receiving) {
+          sendReceiverAck(svc, s, now);
+        } else {
+          answerFinishedPut(svc, s, now);
+        }
+        return;
+      }
+      if (code == KESTIL_GET && req.hasAck) applyPiggyBack(s, d, len, 9 + req.nameLen);
+      // The client repeats its request while it lacks the metadata: start the pass over.
+      if (!blkIsInVector(&s->tx.rxVec, 0)) {
+        s->tx.nextBlkNum = 0;
+        s->tx.lastWrapAckCnt = s->tx.ackCnt;
+        s->passExhausted = false;
+        schedulePump(svc, s, now);
+      } else {
+        resumeAfterAck(svc, s, now);
+      }
+      return;
+    }
+    endSession(svc, s, now, "replaced by a new request");
+  }
+  auto owned = newSession(from, code, name, now);
+  TransferSession *s = owned.get();
+  svc->sessions[key] = std::move(owned);
+  bool keep = true;  // a refused put stays, to answer its repeats
+  switch (code) {
+    case KESTIL_GET: keep = startGet(svc, s, req, d, len, now); break;
+    case KESTIL_LS: keep = startListing(svc, s, req, now); break;
+    case KESTIL_QREPORT: keep = startReport(svc, s, qreq, now); break;
+    default: startPut(svc, s, req, now); break;
+  }
+  if (!keep) svc->sessions.erase(key);
+}
+
+void housekeeping(TransferService *svc, int64_t now) {
+  int64_t limit = static_cast<int64_t>(svc->opts->idleS) * 1000000;
+  std::vector<TransferSession *> idle;
+  for (auto &[key, s] : svc->sessions) {
+    if (now - s->lastHeardUs > limit) idle.push_back(s.get());
+  }
+  for (TransferSession *s : idle) endSession(svc, s, now, "idle");
+  svc->housekeepingTimer = loopAddTimer(svc->loop, now + HOUSEKEEPING_US, [svc](int64_t t) { housekeeping(svc, t); });
+}
+
+}  // namespace
+
+TransferService::TransferService() = default;
+TransferService::~TransferService() = default;
+
+bool transferServiceStart(TransferService *svc, const SimOptions *opts, const std::string &rootReal, EventLoop *loop,
+                          const Trace *trace, int fd, int64_t nowUs) {
+  svc->opts = opts;
+  svc->rootReal = rootReal;
+  svc->loop = loop;
+  svc->trace = trace;
+  sockaddr_in capture{};
+  capture.sin_family = AF_INET;
+  capture.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  svc->captureFd = openUdpSocket(capture);
+  if (svc->captureFd < 0) return false;
+  socklen_t len = sizeof svc->captureAddr;
+  getsockname(svc->captureFd, reinterpret_cast<sockaddr *>(&svc->captureAddr), &len);
+  esStart(&svc->sock, fd, loop, trace, TraceProto::Transfer, opts->link, 1, nowUs,
+          [svc](const uint8_t *d, int n, const sockaddr_in &from, int64_t now) {
+            transferHandleDatagram(svc, d, n, from, now);
+          });
+  svc->housekeepingTimer =
+      loopAddTimer(loop, nowUs + HOUSEKEEPING_US, [svc](int64_t t) { housekeeping(svc, t); });
+  return true;
+}
+
+void transferServiceStop(TransferService *svc) {
+  while (!svc->sessions.empty()) {
+    TransferSession *s = svc->sessions.begin()->second.get();
+    if (s->sending) {
+      closeSending(svc, s);
+    } else {
+      closeReceiving(svc, s);
+    }
+    svc->sessions.erase(svc->sessions.begin());
+  }
+  loopCancelTimer(svc->loop, svc->housekeepingTimer);
+  esClose(&svc->sock);
+  if (svc->captureFd >= 0) close(svc->captureFd);
+  svc->captureFd = -1;
+}
+
+void transferHandleDatagram(TransferService *svc, const uint8_t *d, int len, const sockaddr_in &from, int64_t now) {
+  if (len < 1) return;
+  uint8_t code = d[0];
+  switch (code) {
+    case KESTIL_GET:
+    case KESTIL_LS:
+    case KESTIL_PUT:
+    case KESTIL_QREPORT:
+      onRequest(svc, d, len, from, now);
+      return;
+    case KESTIL_RM:
+      handleRm(svc, d, len, now);
+      return;
+    default:
+      break;
+  }
+  auto it = svc->sessions.find(peerKey(from));
+  if (it == svc->sessions.end()) return;  // late datagrams of an ended transfer
+  TransferSession *s = it->second.get();
+  s->lastHeardUs = now;
+  if (s->sending) {
+    if ((code == KESTIL_VECACK || code == KESTIL_VECACK_FINAL) && len > 4) onSenderAck(svc, s, d, len, now);
+  } else if (code >= KESTIL_METADATA && code <= KESTIL_DATA4) {
+    onPutDatagram(svc, s, d, len, from, now);
+  } else if (s->rxState != ReceiveState::Receiving) {
+    answerFinishedPut(svc, s, now);
+  }
+}
+
+size_t transferSessionCount(const TransferService *svc) { return svc->sessions.size(); }

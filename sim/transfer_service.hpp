@@ -1,0 +1,56 @@
+// The transfer service: the spacecraft side of get, put, ls, report and rm on one UDP
+// socket, one transfer per client address and port, all driven from the event loop.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "sim/emulated_socket.hpp"
+#include "sim/event_loop.hpp"
+#include "sim/options.hpp"
+#include "sim/trace.hpp"
+
+// The three codes of an error report (code 15) and of a put refusal (code 13), which
+// carries the same three numbers: what went wrong, the system's errno (0 when none), and
+// the command code of the request that failed.
+enum class SimErrorReason : int32_t {
+  CannotOpen = 1,     // the file is missing or unreadable (errno says which)
+  PathRefused = 2,    // absolute, or leads out of the served root
+  BadRequest = 3,     // a block size the service cannot use
+  NotAFile = 4,       // a directory or device where a file is needed
+  TooLarge = 5,       // 4 GiB or more: beyond the protocol's 32-bit sizes
+  DigestMismatch = 6, // an upload whose MD5 digest does not match its metadata
+  CannotStore = 7,    // the uploaded file cannot be created or moved into place
+};
+
+struct TransferSession;
+
+struct TransferService {
+  const SimOptions *opts = nullptr;
+  std::string rootReal;        // the served directory, links resolved; also the working directory
+  EventLoop *loop = nullptr;
+  const Trace *trace = nullptr;
+  EmulatedSocket sock;
+  int captureFd = -1;          // where the transmit routine writes; see captureTx
+  sockaddr_in captureAddr{};
+  std::map<uint64_t, std::unique_ptr<TransferSession>> sessions;  // by client address and port
+  uint64_t housekeepingTimer = 0;
+
+  // Out of line, where the session record is complete.
+  TransferService();
+  ~TransferService();
+};
+
+// Starts serving on the bound socket `fd`. False (with errno) when the private capture
+// socket cannot be made.
+[[nodiscard]] bool transferServiceStart(TransferService *svc, const SimOptions *opts, const std::string &rootReal,
+                                        EventLoop *loop, const Trace *trace, int fd, int64_t nowUs);
+void transferServiceStop(TransferService *svc);
+// One datagram as the link delivers it; the socket's handler, and the tests' entry point.
+void transferHandleDatagram(TransferService *svc, const uint8_t *dgram, int len, const sockaddr_in &from,
+                            int64_t nowUs);
+size_t transferSessionCount(const TransferService *svc);
