@@ -40,10 +40,7 @@ uint32_t sizeOf(const char *path) {
   return static_cast<uint32_t>(st.st_size);
 }
 
-}  // namespace
-
-void recursive_add_files(FileListing *listing, const char *path, int recurse, int includeHidden);
-
+// Adds the records of one directory and, when `recurse` is non-zero, of its subdirectories.
 void recursive_add_files(FileListing *listing, const char *path, int recurse, int includeHidden) {
   if (listing == nullptr) return;
   errno = 0;
@@ -87,6 +84,8 @@ void recursive_add_files(FileListing *listing, const char *path, int recurse, in
   closedir(dir);
   DBG_LOG_ERRNO(4, "closedir");
 }
+
+}  // namespace
 
 FileListing *listing_from_path(const char *path, int recurse, int includeHidden) {
   errno = 0;
