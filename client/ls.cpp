@@ -1,4 +1,92 @@
-// Placeholder until this command is built.
-#include "client/client.hpp"
+// The ls command: a remote directory listing fetched as a listing file, kept in the working
+// directory under a name from the current time, and printed.
+#include <arpa/inet.h>
+#include <getopt.h>
+#include <stdlib.h>
 
-int ls_cmd(int, char **) { return notAvailableYet("ls"); }
+#include <cstdio>
+#include <cstring>
+
+#include "client/client.hpp"
+#include "client/download.hpp"
+#include "client/receive_session.hpp"
+#include "listing/listing.hpp"
+#include "station/station.hpp"
+
+namespace {
+
+uint8_t listingFlags(const char *options) {
+  uint8_t flags = 0;
+  for (const char *c = options; c != nullptr && *c != '\0'; ++c) {
+    if (*c == 'a')
+      flags |= KESTIL_LS_FLAG_A;
+    else if (*c == 'r')
+      flags |= KESTIL_LS_FLAG_R;
+    else if (*c != '-')
+      std::printf("Invalid argument '%c'.\n", *c);
+  }
+  return flags;
+}
+
+}  // namespace
+
+int lsDir(int fd, const struct sockaddr_in *target, int, const char *path, const char *options,
+          int timeout_limit_secs, const char *) {
+  uint8_t flags = listingFlags(options);
+  // The name lives until the process ends.
+  char *listingName = timeStampedName("dirlisting");
+  outputFd = listingName != nullptr ? mkstemp(listingName) : -1;
+  if (outputFd < 0) {
+    std::perror(path);
+    cleanup();
+    return 1;
+  }
+
+  ReceiveSession s{};
+  s.policy = &LISTING_POLICY;
+  s.fd = fd;
+  s.target = target;
+  s.localFd = outputFd;
+  s.localName = listingName;
+  s.request = {KESTIL_LS, flags, path, nullptr, 0};
+  char stateName[STATE_NAME_MAX];
+  if (!runFetch(s, ".dir_listing.kestil_state.", stateName, sizeof stateName, timeout_limit_secs)) return 1;
+  if (!s.success || !s.md5Valid) return 1;
+  print_dirlisting(listingName);
+  return 0;
+}
+
+int ls_cmd(int argc, char **argv) {
+  const char *host = "127.0.0.1";
+  const char *options = nullptr;
+  long timeoutSec = 1000;
+
+  optind = 0;
+  int c;
+  while ((c = getopt(argc, argv, "h:o:t:")) != -1) {
+    switch (c) {
+      case 'h': host = optarg; break;
+      case 'o': options = optarg; break;
+      case 't': timeoutSec = std::atol(optarg); break;
+      default:
+        std::puts("ls [-h host] [-o <[a][r]>] <remote path>");
+        return 0;
+    }
+  }
+  if (optind >= argc) {
+    std::puts("ls [-h host] [-o <[a][r]>] <remote path>");
+    return 0;
+  }
+  const char *path = argv[optind];
+
+  fd = socket_init(0);
+  sockaddr_in target{};
+  target.sin_family = AF_INET;
+  target.sin_port = htons(KESTIL_PORT);
+  if (socket_resolve_host(host, &target.sin_addr) == 0) {
+    std::fputs("inet_aton() failed\n", stderr);
+    cleanup();
+    std::exit(1);
+  }
+  return lsDir(fd, &target, sizeof target, path, options, clampSeconds(timeoutSec), host);
+}

@@ -4,6 +4,8 @@
 #pragma once
 
 #include <md5.h>
+#include <zlib.h>
+#include <dirent.h>
 #include <sys/wait.h>
 #include <time.h>
 
@@ -58,6 +60,45 @@ inline std::vector<uint8_t> blockDatagram(const std::string &content, uint32_t n
 
 inline uint32_t blocksOf(const std::string &content) {
   return static_cast<uint32_t>((content.size() + SERVE_BLOCK - 1) / SERVE_BLOCK);
+}
+
+struct ListingEntry {
+  std::string name;
+  uint32_t size;
+  uint8_t group, priority, flags;
+};
+
+// A listing file as the remote side serves it: one zlib stream of big-endian records.
+inline std::string listingFile(const std::vector<ListingEntry> &entries) {
+  std::string raw;
+  for (const ListingEntry &e : entries) {
+    size_t len = 10 + e.name.size();
+    raw += static_cast<char>(len >> 8);
+    raw += static_cast<char>(len);
+    for (int s = 24; s >= 0; s -= 8) raw += static_cast<char>(e.size >> s);
+    raw += static_cast<char>(e.group);
+    raw += static_cast<char>(e.priority);
+    raw += static_cast<char>(e.flags);
+    raw += e.name;
+    raw += '\0';
+  }
+  uLongf outLen = compressBound(raw.size());
+  std::string out(outLen, '\0');
+  compress2(reinterpret_cast<Bytef *>(out.data()), &outLen, reinterpret_cast<const Bytef *>(raw.data()), raw.size(),
+            9);
+  out.resize(outLen);
+  return out;
+}
+
+// The names in `dir` that start with `prefix`.
+inline std::vector<std::string> namesStartingWith(const std::string &dir, const std::string &prefix) {
+  std::vector<std::string> names;
+  if (DIR *d = opendir(dir.c_str())) {
+    while (dirent *e = readdir(d))
+      if (std::string(e->d_name).rfind(prefix, 0) == 0) names.push_back(e->d_name);
+    closedir(d);
+  }
+  return names;
 }
 
 // Whether an acknowledgement (code 9 or 14, starting at `ack`) reports block b received.
