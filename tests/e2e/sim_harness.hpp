@@ -2,6 +2,7 @@
 // temporary root, ready once it has printed its listening line, stopped with SIGTERM.
 #pragma once
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -10,6 +11,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -140,6 +142,20 @@ bool eventually(Pred pred, int timeoutMs) {
     usleep(5000);
   }
   return true;
+}
+
+// The names in a directory, sorted, without "." and "..".
+inline std::vector<std::string> entries(const std::string &dir) {
+  std::vector<std::string> names;
+  DIR *d = opendir(dir.c_str());
+  if (d == nullptr) return names;
+  while (dirent *e = readdir(d)) {
+    std::string n = e->d_name;
+    if (n != "." && n != "..") names.push_back(n);
+  }
+  closedir(d);
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 inline std::string mkdirs(const std::string &path) {
