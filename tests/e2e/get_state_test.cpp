@@ -4,7 +4,10 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <cstring>
 #include <string>
+
+#include "client/state_file.hpp"
 
 #include "tests/support/file_server.hpp"
 #include "tests/support/test_support.hpp"
@@ -90,4 +93,56 @@ TEST(GetState, RefusesOverlongRecordAndOverlongLocalName) {
 
   sockaddr_in from{};
   EXPECT_TRUE(peer.recv(&from, 0).empty());  // neither run sent a request
+}
+
+TEST(GetState, CompleteRecordIsVerifiedWithoutReceiving) {
+  std::string dir = kt::makeTempDir();
+  kt::UdpPeer peer;
+  ASSERT_TRUE(peer.bind("127.0.5.15", 3223));
+  std::string content = kt::patternBytes(4230, 15);
+  ASSERT_TRUE(kt::writeFile(dir + "/c.bin", content));
+  // Blocks 0-30 of a 30-block file: window at 24 in ring byte 3, blocks 24-30 set.
+  SavedRXState st;
+  std::memset(&st, 0, sizeof st);
+  st.rxSet.blkNumBase = 24;
+  st.rxSet.lastBlk = 31;
+  st.rxSet.file_size = 4230;
+  st.rxSet.block_size = 141;
+  st.rxSet.uniqueBlkCnt = 30;
+  st.rxSet.head = 3;
+  st.rxSet.vector[3] = 0xFE;
+  std::string md5 = kt::md5Raw(content);
+  std::memcpy(st.rxSet.md5, md5.data(), 16);
+  ASSERT_TRUE(kt::writeFile(dir + "/.c.bin.kestil_state", std::string(reinterpret_cast<char *>(&st), sizeof st)));
+
+  kt::Child c = kt::start(dir, "kestil-get", {"-h", "127.0.5.15", "c.bin"});
+  kt::Served seen = kt::serveFile(peer, c.pid, content);
+  kt::Result r = kt::finish(c, RUN_MS);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(kt::withoutTimes(r.out), "MD5 time!\nclient done\nReceived file c.bin...\nElapsed time: T A\n"
+                                     "Waiting for satellite to stop spamming...\n");
+  EXPECT_EQ(seen.requests.size(), 1u);
+  EXPECT_EQ(seen.acks.size(), 7u);
+  EXPECT_FALSE(kt::exists(dir + "/.c.bin.kestil_state"));
+}
+
+TEST(GetState, ZeroPaddingCutsALongerOldFileToTheRemoteSize) {
+  std::string dir = kt::makeTempDir();
+  kt::UdpPeer peer;
+  ASSERT_TRUE(peer.bind("127.0.5.14", 3223));
+  std::string content = kt::patternBytes(4230, 14);
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+  } cases[] = {{{"-h", "127.0.5.14", "-z", "p.bin"}, 0}, {{"-h", "127.0.5.14", "p.bin"}, 12}};
+  for (const Case &k : cases) {
+    ASSERT_TRUE(kt::writeFile(dir + "/p.bin", std::string(6000, 'o')));
+    kt::Child c = kt::start(dir, "kestil-get", k.args);
+    kt::serveFile(peer, c.pid, content);
+    kt::Result r = kt::finish(c, RUN_MS);
+    EXPECT_EQ(r.status, k.status) << k.args[2];
+    if (k.status == 0) {
+      EXPECT_EQ(kt::readFile(dir + "/p.bin"), content);
+    }
+  }
 }

@@ -1,6 +1,7 @@
 // The get command against a scripted file service: clean and lossy downloads, the requests'
 // bytes, the closing acknowledgements, and the ends by digest mismatch, error report and silence.
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <string>
 
@@ -244,4 +245,42 @@ TEST(GetDownload, LaterDifferentMetadataReplacesTheDigest) {
   kt::Result r = kt::finish(c, RUN_MS);
   EXPECT_EQ(r.status, 12);
   EXPECT_FALSE(kt::exists(dir + "/d.bin"));
+}
+
+TEST(GetDownload, InterruptEndsIncompleteAndKeepsBothFiles) {
+  std::string dir = kt::makeTempDir();
+  kt::UdpPeer peer;
+  ASSERT_TRUE(peer.bind("127.0.5.16", 3223));
+  std::string content = kt::patternBytes(SIZE, 16);
+  kt::Child c = kt::start(dir, "kestil-get", {"-h", "127.0.5.16", "i.bin"});
+  sockaddr_in client{};
+  ASSERT_FALSE(peer.recv(&client, 5000).empty());
+  peer.send(kt::metadataDatagram(SIZE, kt::md5Raw(content)), client);
+  for (uint32_t b = 1; b <= 10; ++b) peer.send(kt::blockDatagram(content, b), client);
+  kill(c.pid, SIGINT);
+  kt::ServeOptions o;
+  o.resend = false;
+  kt::Served seen = kt::serveFile(peer, c.pid, content, o);
+  kt::Result r = kt::finish(c, RUN_MS);
+  EXPECT_EQ(r.status, 13);
+  EXPECT_EQ(seen.finals.size(), 7u);
+  EXPECT_TRUE(kt::exists(dir + "/i.bin"));
+  EXPECT_EQ(kt::readFile(dir + "/.i.bin.kestil_state").size(), 2248u);
+}
+
+// The one case that waits out the 20 s give-up.
+TEST(GetDownload, SilentRemoteIsAskedTwentyTimesThenGivenUp) {
+  std::string dir = kt::makeTempDir();
+  kt::UdpPeer peer;
+  ASSERT_TRUE(peer.bind("127.0.5.18", 3223));
+  kt::ServeOptions o;
+  o.answer = false;
+  o.deadlineMs = 40000;
+  kt::Child c = kt::start(dir, "kestil-get", {"-h", "127.0.5.18", "g.bin"});
+  kt::Served seen = kt::serveFile(peer, c.pid, "", o);
+  kt::Result r = kt::finish(c, 40000);
+  EXPECT_EQ(r.status, 13);
+  EXPECT_EQ(seen.requests.size(), 20u);
+  EXPECT_EQ(seen.finals.size(), 7u);
+  EXPECT_EQ(kt::withoutRedraws(r.out), "\nWaiting for satellite to stop spamming...\n");
 }

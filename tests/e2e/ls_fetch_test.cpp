@@ -1,6 +1,7 @@
 // The ls command against a scripted file service: the listing request, the listing file kept
 // under its time-stamped name and printed, and the fetch that times out.
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <regex>
 #include <string>
@@ -69,4 +70,20 @@ TEST(LsFetch, SynopsisWithoutPath) {
   kt::Result r = kt::run(dir, "kestil", {"ls", "-t", "1"}, RUN_MS);
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "ls [-h host] [-o <[a][r]>] <remote path>\n");
+}
+
+TEST(LsFetch, InterruptDoesNotStopTheFetch) {
+  std::string dir = kt::makeTempDir();
+  kt::UdpPeer peer;
+  ASSERT_TRUE(peer.bind("127.0.5.22", 3223));
+  std::string listing = kt::listingFile({{"/x", 1, 0, 0, 0}});
+  kt::Child c = kt::start(dir, "kestil-ls", {"-h", "127.0.5.22", "/"});
+  sockaddr_in client{};
+  ASSERT_FALSE(peer.recv(&client, 5000).empty());
+  kill(c.pid, SIGINT);
+  peer.send(kt::metadataDatagram(static_cast<uint32_t>(listing.size()), kt::md5Raw(listing)), client);
+  peer.send(kt::blockDatagram(listing, 1), client);
+  kt::Result r = kt::finish(c, RUN_MS);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("0        0        0        1        /x\n"), std::string::npos) << r.out;
 }
