@@ -27,3 +27,9 @@ check: build
 
 clean:
 	rm -rf build build-asan
+
+# The put-rate benchmark (about 2 minutes); not part of `make check`.
+.PHONY: bench-put
+bench-put: deps
+	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release
+	cmake --build build-bench -j$(JOBS) --target bench-put
