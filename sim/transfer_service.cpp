@@ -274,7 +274,12 @@ bool startGet(TransferService *svc, TransferSession *s, const KESTIL_get &req, c
     return false;
   }
   startSending(svc, s, fd, req.blocksize, now);
-  if (req.hasAck) applyPiggyBack(s, d, len, 9 + req.nameLen);
+  if (req.hasAck) {
+    applyPiggyBack(s, d, len, 9 + req.nameLen);
+    // What the request reports is where the first pass starts from, not news that would
+    // justify sending the pass again at its end.
+    s->tx.lastWrapAckCnt = s->tx.ackCnt;
+  }
   traceNote(*svc->trace, now, "get '%s': %u bytes in blocks of %u", rel.c_str(), s->tx.size, req.blocksize);
   return true;
 }
