@@ -34,7 +34,8 @@ int lsDir(int fd, const struct sockaddr_in *target, int, const char *path, const
           int timeout_limit_secs, const char *) {
   uint8_t flags = listingFlags(options);
   // The name lives until the process ends.
-  char *listingName = timeStampedName("dirlisting");
+  static char *listingName = nullptr;
+  listingName = timeStampedName("dirlisting");
   outputFd = listingName != nullptr ? mkstemp(listingName) : -1;
   if (outputFd < 0) {
     std::perror(path);
