@@ -33,3 +33,7 @@ clean:
 bench-put: deps
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release
 	cmake --build build-bench -j$(JOBS) --target bench-put
+
+# A rehearsal pass against kestil-sim on loopback, in under a minute; see README, "Demo".
+demo: build
+	bash sim/demo.sh build/bin
