@@ -1,6 +1,5 @@
 // The progress command against crafted state records: header lines, block map, elision of
 // blocks past the window, and its refusals.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -11,137 +10,81 @@
 
 namespace {
 
-constexpr int RUN_MS = 10000;
-
-SavedRXState record(uint32_t base, uint32_t lastBlk, uint32_t unique) {
+std::string record(uint32_t base, uint32_t lastBlk, uint32_t unique, std::initializer_list<std::pair<int, int>> ring) {
   SavedRXState st;
   std::memset(&st, 0, sizeof st);
-  st.fileNum[0] = 1; st.fileNum[1] = 2; st.fileNum[2] = 3; st.fileNum[3] = 4;
-  st.src.family = AF_INET;
-  st.src.port[0] = 0x0C; st.src.port[1] = 0x97;  // 3223
-  st.src.addr[0] = 127; st.src.addr[1] = 0; st.src.addr[2] = 5; st.src.addr[3] = 9;
-  st.rxSet.blkNumBase = base;
-  st.rxSet.lastBlk = lastBlk;
-  st.rxSet.file_size = lastBlk > 0 ? (lastBlk - 1) * 141 : 0;
-  st.rxSet.block_size = 141;
-  st.rxSet.uniqueBlkCnt = unique;
+  std::memcpy(st.fileNum, "\x01\x02\x03\x04", 4);
+  st.src.family = 2;
+  std::memcpy(st.src.port, "\x0C\x97", 2);  // 3223
+  std::memcpy(st.src.addr, "\x7F\x00\x05\x09", 4);
+  st.rxSet = {base, lastBlk, 0, 141, unique, {}, 0, {}, {}};
+  for (auto [index, bits] : ring) st.rxSet.vector[index] = static_cast<uint8_t>(bits);
   std::strcpy(st.filename, "/data/img/a.jpg");
-  return st;
+  return std::string(reinterpret_cast<const char *>(&st), sizeof st);
 }
 
-void save(const std::string &path, const void *data, size_t len) {
-  ASSERT_TRUE(kt::writeFile(path, std::string(static_cast<const char *>(data), len)));
+kt::Result progress(const std::string &dir, const std::string &bytes, const std::string &arg = "x") {
+  kt::writeFile(dir + "/.x.kestil_state", bytes);
+  return kt::run(dir, "kestil-progress", {arg}, 10000);
 }
 
-const std::string HEADER =
-    "Remote file: /data/img/a.jpg\nFile number: 16909060\nRemote host: 127.0.5.9:3223\nBlock size: 141\n";
-const std::string ALL_MISSING(64, 'O');
+const std::string HEAD = "State file is .x.kestil_state\nRemote file: /data/img/a.jpg\nFile number: 16909060\n"
+                         "Remote host: 127.0.5.9:3223\nBlock size: 141\n";
+const std::string MISSING(64, 'O');
 
 }  // namespace
 
 TEST(ProgressCommand, DrawsMapFromBaseWithLinesOf64Blocks) {
   std::string dir = kt::makeTempDir();
   // Window from 64: blocks 66-69 in ring byte 0 (0011 1100), block 130 in byte 8 (0010 0000).
-  SavedRXState st = record(64, 200, 69);
-  st.rxSet.vector[0] = 0x3C;
-  st.rxSet.vector[8] = 0x20;
-  save(dir + "/.x.kestil_state", &st, sizeof st);
-
-  std::string map = "Percent complete: 34.5 (69 / 200)\nReceived: 0 - 63\n"
-                    "00000064: OO....OOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOO\n"
-                    "00000128: OO.OOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOO\n"
-                    "00000192: OOOOOOOO\n";
+  std::string rec = record(64, 200, 69, {{0, 0x3C}, {8, 0x20}});
   for (const char *arg : {"x", ".x.kestil_state"}) {
-    kt::Result r = kt::run(dir, "kestil-progress", {arg}, RUN_MS);
-    EXPECT_EQ(r.status, 0) << arg;
-    EXPECT_EQ(r.err, "");
-    EXPECT_EQ(r.out, "State file is .x.kestil_state\n" + HEADER + map) << arg;
+    kt::Result r = progress(dir, rec, arg);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, HEAD + "Percent complete: 34.5 (69 / 200)\nReceived: 0 - 63\n"
+                            "00000064: OO....OOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOO\n"
+                            "00000128: OO.OOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOO\n"
+                            "00000192: OOOOOOOO\n");
   }
 }
 
-TEST(ProgressCommand, RingHeadAndLineOffsetFollowTheBase) {
+TEST(ProgressCommand, ElidesBlocksBeyondTheWindowAndShowsZeroBeforeMetadata) {
   std::string dir = kt::makeTempDir();
-  // Base 72 with the ring turned by 5 bytes: lines start at 72, 136; block 72 is ring byte 5.
-  SavedRXState st = record(72, 150, 72);
-  st.rxSet.head = 5;
-  st.rxSet.vector[5] = 0x80;   // block 72
-  st.rxSet.vector[13] = 0x01;  // block 72 + 64 + 7 = 143
-  save(dir + "/.y.kestil_state", &st, sizeof st);
-  kt::Result r = kt::run(dir, "kestil", {"progress", "y"}, RUN_MS);
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "State file is .y.kestil_state\n" + HEADER +
-                       "Percent complete: 48.0 (72 / 150)\nReceived: 0 - 71\n"
-                       "00000072: .OOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOO\n"
-                       "00000136: OOOOOOO.OOOOOO\n");
-}
-
-TEST(ProgressCommand, ElidesBlocksBeyondTheWindowAndDrawsTheLastLine) {
-  std::string dir = kt::makeTempDir();
-  SavedRXState st = record(0, 2000, 0);
-  st.rxSet.vector[0] = 0x80;  // block 0, the metadata
-  save(dir + "/.big.kestil_state", &st, sizeof st);
-  kt::Result r = kt::run(dir, "kestil-progress", {"big"}, RUN_MS);
-  std::string expected = "State file is .big.kestil_state\n" + HEADER + "Percent complete: 0.0 (0 / 2000)\n";
+  std::string expected = HEAD + "Percent complete: 0.0 (0 / 2000)\n";
   for (int line = 0; line < 16; ++line) {
     char label[16];
     std::snprintf(label, sizeof label, "%08d: ", line * 64);
-    expected += label + (line == 0 ? "." + ALL_MISSING.substr(1) : ALL_MISSING) + "\n";
+    expected += label + (line == 0 ? "." + MISSING.substr(1) : MISSING) + "\n";
   }
-  expected += "........: " + ALL_MISSING + "\n00001984: " + std::string(16, 'O') + "\n";
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, expected);
+  expected += "........: " + MISSING + "\n00001984: " + std::string(16, 'O') + "\n";
+  EXPECT_EQ(progress(dir, record(0, 2000, 0, {{0, 0x80}})).out, expected);
+
+  kt::Result fresh = progress(dir, record(0, 0, 0, {}));
+  EXPECT_EQ(fresh.status, 0);
+  EXPECT_EQ(fresh.out, HEAD + "Percent complete: 0.0 (0 / 0)\n\n");
 }
 
-TEST(ProgressCommand, RecordWithoutMetadataShowsZeroPercentAndEmptyMap) {
+TEST(ProgressCommand, RefusesMissingWrongSizedDamagedAndCompleteRecords) {
   std::string dir = kt::makeTempDir();
-  SavedRXState st = record(0, 0, 0);
-  save(dir + "/.new.kestil_state", &st, sizeof st);
-  kt::Result r = kt::run(dir, "kestil-progress", {"new"}, RUN_MS);
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "State file is .new.kestil_state\n" + HEADER + "Percent complete: 0.0 (0 / 0)\n\n");
-}
-
-TEST(ProgressCommand, RefusesMissingWrongSizedAndCompleteRecords) {
-  std::string dir = kt::makeTempDir();
-  kt::Result missing = kt::run(dir, "kestil-progress", {"nope"}, RUN_MS);
+  kt::Result missing = kt::run(dir, "kestil-progress", {"nope"}, 10000);
   EXPECT_EQ(missing.status, 1);
   EXPECT_EQ(missing.out, "State file is .nope.kestil_state\nFile name: .nope.kestil_state\n");
   EXPECT_EQ(missing.err, "state file doesn't exist: No such file or directory\n");
 
-  SavedRXState st = record(0, 9, 8);
-  for (size_t size : {sizeof st - 1, sizeof st + 1}) {
-    std::string bytes(reinterpret_cast<const char *>(&st), sizeof st);
-    bytes.resize(size, '\0');
-    ASSERT_TRUE(kt::writeFile(dir + "/.odd.kestil_state", bytes));
-    kt::Result r = kt::run(dir, "kestil-progress", {"odd"}, RUN_MS);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "State file is .odd.kestil_state\nState size mismatch!  Expected 2248 found " +
-                         std::to_string(size) + "\n");
-  }
-
-  // 1000-byte file: blocks 0 to 8; base 8 with block 8 received is complete.
-  st.rxSet.blkNumBase = 8;
-  st.rxSet.head = 1;
-  st.rxSet.vector[1] = 0x80;
-  save(dir + "/.done.kestil_state", &st, sizeof st);
-  kt::Result done = kt::run(dir, "kestil-progress", {"done"}, RUN_MS);
+  std::string rec = record(8, 9, 8, {{0, 0x80}});  // 1000-byte file: block 8 received, complete
+  kt::Result done = progress(dir, rec);
   EXPECT_EQ(done.status, 1);
-  EXPECT_EQ(done.out, "State file is .done.kestil_state\n" + HEADER + "Download complete!!!\n");
+  EXPECT_EQ(done.out, HEAD + "Download complete!!!\n");
 
-  kt::Result empty = kt::run(dir, "kestil-progress", {""}, RUN_MS);
-  EXPECT_EQ(empty.status, 1);
-  EXPECT_EQ(empty.out, "Missing file name\n");
-  kt::Result usage = kt::run(dir, "kestil-progress", {}, RUN_MS);
-  EXPECT_EQ(usage.status, 0);
-  EXPECT_EQ(usage.out, "Usage: progress <file>\n");
-}
+  kt::Result odd = progress(dir, rec + "!");
+  EXPECT_EQ(odd.status, 1);
+  EXPECT_EQ(odd.out, "State file is .x.kestil_state\nState size mismatch!  Expected 2248 found 2249\n");
 
-TEST(ProgressCommand, RefusesRecordWhoseRingIndexIsOutOfRange) {
-  std::string dir = kt::makeTempDir();
-  SavedRXState st = record(0, 50, 3);
-  st.rxSet.head = 128;
-  save(dir + "/.bad.kestil_state", &st, sizeof st);
-  kt::Result r = kt::run(dir, "kestil-progress", {"bad"}, RUN_MS);
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.out.find("damaged"), std::string::npos) << r.out;
+  rec[20 + 28] = static_cast<char>(128);  // ring index outside the ring
+  kt::Result damaged = progress(dir, rec);
+  EXPECT_EQ(damaged.status, 1);
+  EXPECT_EQ(damaged.out, HEAD + "State record is damaged: bitmap index 128, base 8\n");
+
+  EXPECT_EQ(kt::run(dir, "kestil-progress", {""}, 10000).out, "Missing file name\n");
+  EXPECT_EQ(kt::run(dir, "kestil-progress", {}, 10000).out, "Usage: progress <file>\n");
 }

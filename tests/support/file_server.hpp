@@ -1,15 +1,16 @@
-// A scripted remote file service for end-to-end tests of the receive sessions: it answers the
-// requests of one running client with metadata and data blocks, resends what the client's
-// acknowledgements report missing, and records everything the client sent.
+// A scripted remote file service for end-to-end tests of the receive sessions: it answers a
+// running client's requests with metadata and blocks, resends what acknowledgements report
+// missing, and records what the client sent.
 #pragma once
 
-#include <md5.h>
-#include <zlib.h>
 #include <dirent.h>
+#include <md5.h>
 #include <sys/wait.h>
 #include <time.h>
+#include <zlib.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <regex>
 #include <set>
 #include <string>
@@ -34,12 +35,11 @@ inline std::string md5Raw(const std::string &content) {
   return std::string(reinterpret_cast<char *>(d), 16);
 }
 
-inline std::vector<uint8_t> metadataDatagram(uint32_t size, const std::string &md5, uint32_t reqId = 1,
-                                             uint32_t modTime = 1700000000) {
+inline std::vector<uint8_t> metadataDatagram(size_t size, const std::string &md5, uint32_t reqId = 1) {
   std::vector<uint8_t> m{4};
   putBe32(m, reqId);
-  putBe32(m, size);
-  putBe32(m, modTime);
+  putBe32(m, static_cast<uint32_t>(size));
+  putBe32(m, 1700000000);
   putBe32(m, 0);
   m.insert(m.end(), md5.begin(), md5.end());
   return m;
@@ -47,89 +47,42 @@ inline std::vector<uint8_t> metadataDatagram(uint32_t size, const std::string &m
 
 // Data block n of `content`, with the narrowest block-number width.
 inline std::vector<uint8_t> blockDatagram(const std::string &content, uint32_t n) {
-  int width = n < 256 ? 1 : n < 65536 ? 2 : n < 16777216 ? 3 : 4;
+  int width = n < 256 ? 1 : n < 65536 ? 2 : 3;
   std::vector<uint8_t> d{static_cast<uint8_t>(4 + width)};
   for (int i = width - 1; i >= 0; --i) d.push_back(static_cast<uint8_t>(n >> (8 * i)));
   size_t off = static_cast<size_t>(n - 1) * SERVE_BLOCK;
-  if (off < content.size()) {
-    size_t len = std::min<size_t>(SERVE_BLOCK, content.size() - off);
-    d.insert(d.end(), content.begin() + static_cast<long>(off), content.begin() + static_cast<long>(off + len));
-  }
+  if (off < content.size()) d.insert(d.end(), content.begin() + off, content.begin() + std::min(content.size(), off + SERVE_BLOCK));
   return d;
 }
 
-inline uint32_t blocksOf(const std::string &content) {
-  return static_cast<uint32_t>((content.size() + SERVE_BLOCK - 1) / SERVE_BLOCK);
-}
-
-struct ListingEntry {
-  std::string name;
-  uint32_t size;
-  uint8_t group, priority, flags;
-};
-
-// A listing file as the remote side serves it: one zlib stream of big-endian records.
-inline std::string listingFile(const std::vector<ListingEntry> &entries) {
-  std::string raw;
-  for (const ListingEntry &e : entries) {
-    size_t len = 10 + e.name.size();
-    raw += static_cast<char>(len >> 8);
-    raw += static_cast<char>(len);
-    for (int s = 24; s >= 0; s -= 8) raw += static_cast<char>(e.size >> s);
-    raw += static_cast<char>(e.group);
-    raw += static_cast<char>(e.priority);
-    raw += static_cast<char>(e.flags);
-    raw += e.name;
-    raw += '\0';
-  }
-  uLongf outLen = compressBound(raw.size());
-  std::string out(outLen, '\0');
-  compress2(reinterpret_cast<Bytef *>(out.data()), &outLen, reinterpret_cast<const Bytef *>(raw.data()), raw.size(),
-            9);
-  out.resize(outLen);
-  return out;
-}
-
-// The names in `dir` that start with `prefix`.
-inline std::vector<std::string> namesStartingWith(const std::string &dir, const std::string &prefix) {
-  std::vector<std::string> names;
-  if (DIR *d = opendir(dir.c_str())) {
-    while (dirent *e = readdir(d))
-      if (std::string(e->d_name).rfind(prefix, 0) == 0) names.push_back(e->d_name);
-    closedir(d);
-  }
-  return names;
-}
-
-// Whether an acknowledgement (code 9 or 14, starting at `ack`) reports block b received.
+// Whether an acknowledgement (code 9 or 14 at `ack`) reports block b received.
 inline bool ackHas(const uint8_t *ack, size_t len, uint32_t b) {
   if (len < 5) return false;
   uint32_t base = static_cast<uint32_t>(ack[1]) << 24 | ack[2] << 16 | ack[3] << 8 | ack[4];
   if (b < base) return true;
   size_t byte = (b - base) / 8;
-  if (5 + byte >= len) return false;
-  return (ack[5 + byte] & (0x80 >> (b % 8))) != 0;
+  return 5 + byte < len && (ack[5 + byte] & (0x80 >> (b % 8))) != 0;
+}
+
+// Where a request's piggy-backed acknowledgement starts (its length when it has none).
+inline size_t piggyBackAt(const std::vector<uint8_t> &req) {
+  if (req[0] == 11) return 9 + 9 * static_cast<size_t>(req[8]);
+  size_t i = 8;
+  while (i < req.size() && req[i] != 0) ++i;
+  return i + 1;
 }
 
 struct ServeOptions {
-  bool answer = true;            // false: a remote that never answers
-  int dropPercent = 0;           // blocks lost on their first sending (seeded)
+  bool answer = true;          // false: a remote that never answers
+  int dropPercent = 0;         // blocks lost on their first sending (seeded)
   uint32_t seed = 1;
-  int dropMetadata = 0;          // metadata datagrams lost before one gets through
-  std::string md5;               // a digest to announce instead of the real one
-  uint32_t firstBlocks = UINT32_MAX;  // blocks sent in answer to a request (the rest only on acks)
-  bool resend = true;            // answer acknowledgements with the blocks they miss
-  bool blocksOnRepeat = true;    // false: a repeated request gets the metadata only
-  pid_t alsoWaitFor = -1;        // a second client served at the same time
-  int deadlineMs = 20000;
+  int dropMetadata = 0;        // metadata datagrams lost before one gets through
+  bool blocksOnRepeat = true;  // false: a repeated request gets the metadata only
 };
 
 struct Served {
-  std::vector<std::vector<uint8_t>> requests;  // codes 10, 2, 11 in arrival order
-  std::vector<std::vector<uint8_t>> acks;      // code 9
-  std::vector<std::vector<uint8_t>> finals;    // code 14
-  std::vector<long long> finalTimesMs;
-  std::vector<long long> ackTimesMs;
+  std::vector<std::vector<uint8_t>> requests, acks, finals;  // codes 10/2/11, 9, 14
+  std::vector<long long> ackMs, finalMs;                     // when each arrived
   std::set<uint32_t> dropped;
 };
 
@@ -145,90 +98,112 @@ inline bool childEnded(pid_t pid) {
   return waitid(P_PID, static_cast<id_t>(pid), &si, WEXITED | WNOHANG | WNOWAIT) == 0 && si.si_pid == pid;
 }
 
-// Where a request's piggy-backed acknowledgement starts, or its length when it has none.
-inline size_t piggyBackAt(const std::vector<uint8_t> &req) {
-  if (req[0] == 11) return req.size() > 8 ? 9 + 9 * static_cast<size_t>(req[8]) : req.size();
-  size_t i = 8;
-  while (i < req.size() && req[i] != 0) ++i;
-  return i + 1;
-}
-
-// Serves `content` to the client until it has ended (or the deadline passed).
+// Serves `content` to whichever client writes, until `client` has ended (at most 30 s).
 inline Served serveFile(UdpPeer &peer, pid_t client, const std::string &content, const ServeOptions &o = {}) {
   Served seen;
-  uint32_t lastBlk = blocksOf(content) + 1;
-  std::string md5 = o.md5.empty() ? md5Raw(content) : o.md5;
+  uint32_t lastBlk = static_cast<uint32_t>((content.size() + SERVE_BLOCK - 1) / SERVE_BLOCK) + 1;
   uint32_t rng = o.seed * 2654435761u + 7;
-  std::set<uint32_t> sentOnce;
+  std::set<uint32_t> sent;
   int metaToDrop = o.dropMetadata;
   sockaddr_in from{};
   auto sendMeta = [&] {
-    if (metaToDrop > 0) {
-      --metaToDrop;
-      return;
-    }
-    peer.send(metadataDatagram(static_cast<uint32_t>(content.size()), md5), from);
+    if (metaToDrop-- <= 0) peer.send(metadataDatagram(content.size(), md5Raw(content)), from);
   };
-  auto sendBlock = [&](uint32_t b) {
-    bool first = sentOnce.insert(b).second;
-    rng ^= rng << 13;
-    rng ^= rng >> 17;
-    rng ^= rng << 5;
-    if (first && static_cast<int>(rng % 100) < o.dropPercent) {
-      seen.dropped.insert(b);
-      return;
+  auto sendMissing = [&](const uint8_t *ack, size_t len) {
+    for (uint32_t b = 1; b < lastBlk; ++b) {
+      if (ack != nullptr && ackHas(ack, len, b)) continue;
+      rng ^= rng << 13, rng ^= rng >> 17, rng ^= rng << 5;
+      if (sent.insert(b).second && static_cast<int>(rng % 100) < o.dropPercent)
+        seen.dropped.insert(b);
+      else
+        peer.send(blockDatagram(content, b), from);
     }
-    peer.send(blockDatagram(content, b), from);
   };
-  long long deadline = monoMs() + o.deadlineMs;
   uint8_t buf[2048];
-  while (monoMs() < deadline) {
+  for (long long deadline = monoMs() + 30000; monoMs() < deadline;) {
     int n = peer.recv(buf, sizeof buf, &from, 50);
     if (n <= 0) {
-      if (childEnded(client) && (o.alsoWaitFor < 0 || childEnded(o.alsoWaitFor))) break;
+      if (childEnded(client)) break;
       continue;
     }
     std::vector<uint8_t> d(buf, buf + n);
-    if (d[0] == 10 || d[0] == 2 || d[0] == 11) {
-      seen.requests.push_back(d);
-      if (!o.answer) continue;
-      bool repeated = seen.requests.size() > 1;
+    if (d[0] == 9) seen.acks.push_back(d), seen.ackMs.push_back(monoMs());
+    if (d[0] == 14) seen.finals.push_back(d), seen.finalMs.push_back(monoMs());
+    if (d[0] == 10 || d[0] == 2 || d[0] == 11) seen.requests.push_back(d);
+    if (!o.answer) continue;
+    if (d[0] == 9) {
+      if (!ackHas(buf, n, 0)) sendMeta();
+      sendMissing(buf, n);
+    } else if (d[0] != 14) {
       size_t at = piggyBackAt(d);
-      bool hasAck = at + 5 <= d.size();
-      if (!hasAck || !ackHas(d.data() + at, d.size() - at, 0)) sendMeta();
-      uint32_t sent = 0;
-      for (uint32_t b = 1; b < lastBlk && sent < o.firstBlocks && (!repeated || o.blocksOnRepeat); ++b) {
-        if (hasAck && ackHas(d.data() + at, d.size() - at, b)) continue;
-        sendBlock(b);
-        ++sent;
-      }
-    } else if (d[0] == 9) {
-      seen.acks.push_back(d);
-      seen.ackTimesMs.push_back(monoMs());
-      if (!o.answer || !o.resend) continue;
-      if (!ackHas(d.data(), d.size(), 0)) sendMeta();
-      for (uint32_t b = 1; b < lastBlk; ++b)
-        if (!ackHas(d.data(), d.size(), b)) sendBlock(b);
-    } else if (d[0] == 14) {
-      seen.finals.push_back(d);
-      seen.finalTimesMs.push_back(monoMs());
+      const uint8_t *ack = at + 5 <= d.size() ? buf + at : nullptr;
+      if (ack == nullptr || !ackHas(ack, n - at, 0)) sendMeta();
+      if (seen.requests.size() == 1 || o.blocksOnRepeat) sendMissing(ack, n - at);
     }
   }
   return seen;
 }
 
-// Standard output without the progress-bar redraws and the per-block traces.
-inline std::string withoutRedraws(const std::string &out) {
-  static const std::regex bar("\r\\[[^\\]]{50}\\]");
-  static const std::regex trace("   block \\d+, ");
-  return std::regex_replace(std::regex_replace(out, bar, ""), trace, "");
-}
+// One run of a kestil command against a scripted remote on `ip`:3223, in its own directory.
+struct RemoteRun {
+  std::string dir = makeTempDir();
+  UdpPeer peer;
+  Child child;
+  sockaddr_in client{};
+  RemoteRun(const char *ip, const std::string &command, std::vector<std::string> args) {
+    if (!peer.bind(ip, 3223)) std::abort();
+    args.insert(args.begin(), {"-h", ip});
+    child = start(dir, command, args);
+  }
+  std::vector<uint8_t> recv() { return peer.recv(&client, 5000); }
+  void send(const std::vector<uint8_t> &d) { peer.send(d, client); }
+  Served serve(const std::string &content, const ServeOptions &o = {}) { return serveFile(peer, child.pid, content, o); }
+  Result finish() { return kt::finish(child, 30000); }
+};
 
-// The statistics line with its times replaced by T and its average by A.
-inline std::string withoutTimes(const std::string &out) {
+// Standard output without progress redraws and block traces, its times as T and average as A.
+inline std::string plainOut(const std::string &out) {
+  static const std::regex noise("\r\\[[^\\]]{50}\\]|   block \\d+, ");
   static const std::regex elapsed("Elapsed time: \\d\\d:\\d\\d:\\d\\d\\.\\d{6}");
   static const std::regex avg("      Avg Bps: \\d+\\.\\d\\d");
-  return std::regex_replace(std::regex_replace(out, elapsed, "Elapsed time: T"), avg, " A");
+  std::string s = std::regex_replace(out, noise, "");
+  return std::regex_replace(std::regex_replace(s, elapsed, "Elapsed time: T"), avg, " A");
+}
+
+struct ListingEntry {
+  std::string name;
+  uint32_t size;
+  uint8_t group, priority, flags;
+};
+
+// A listing file as the remote side serves it: one zlib stream of big-endian records.
+inline std::string listingFile(const std::vector<ListingEntry> &entries) {
+  std::vector<uint8_t> raw;
+  for (const ListingEntry &e : entries) {
+    size_t len = 10 + e.name.size();
+    raw.push_back(static_cast<uint8_t>(len >> 8));
+    raw.push_back(static_cast<uint8_t>(len));
+    putBe32(raw, e.size);
+    raw.insert(raw.end(), {e.group, e.priority, e.flags});
+    raw.insert(raw.end(), e.name.begin(), e.name.end());
+    raw.push_back(0);
+  }
+  uLongf outLen = compressBound(raw.size());
+  std::string out(outLen, '\0');
+  compress2(reinterpret_cast<Bytef *>(out.data()), &outLen, raw.data(), raw.size(), 9);
+  out.resize(outLen);
+  return out;
+}
+
+// The names in `dir` that start with `prefix`.
+inline std::vector<std::string> namesStartingWith(const std::string &dir, const std::string &prefix) {
+  std::vector<std::string> names;
+  if (DIR *d = opendir(dir.c_str())) {
+    while (dirent *e = readdir(d))
+      if (std::string(e->d_name).rfind(prefix, 0) == 0) names.push_back(e->d_name);
+    closedir(d);
+  }
+  return names;
 }
 
 }  // namespace kt
