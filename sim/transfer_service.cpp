@@ -107,13 +107,21 @@ void sendErrorReport(TransferService *svc, int64_t now, const sockaddr_in &to, S
 // The transmit routine writes its datagram to a socket; the simulator hands it a private
 // loopback socket that it reads straight back, so every datagram still passes the link.
 int captureTx(TransferService *svc, KESTIL_TXState *tx, uint8_t *out, int *outLen) {
+  // After a wait that ran out, a late datagram may still come in: it belongs to nobody now.
+  if (svc->captureStale) {
+    while (recv(svc->captureFd, out, KESTIL_MAX_DATAGRAM, MSG_DONTWAIT) >= 0) {
+    }
+    svc->captureStale = false;
+  }
   int result = tx_func(tx, svc->captureFd, &svc->captureAddr);
   *outLen = 0;
   if (result < 0) return result;
   pollfd p{svc->captureFd, POLLIN, 0};
-  if (poll(&p, 1, CAPTURE_WAIT_MS) == 1) {
-    ssize_t n = recv(svc->captureFd, out, KESTIL_MAX_DATAGRAM, MSG_DONTWAIT);
-    if (n > 0) *outLen = static_cast<int>(n);
+  ssize_t n = poll(&p, 1, CAPTURE_WAIT_MS) == 1 ? recv(svc->captureFd, out, KESTIL_MAX_DATAGRAM, MSG_DONTWAIT) : -1;
+  if (n > 0) {
+    *outLen = static_cast<int>(n);
+  } else {
+    svc->captureStale = true;
   }
   return result;
 }

@@ -37,6 +37,7 @@ struct TransferService {
   EmulatedSocket sock;
   int captureFd = -1;          // where the transmit routine writes; see captureTx
   sockaddr_in captureAddr{};
+  bool captureStale = false;   // a capture wait ran out; drain before the next send
   std::map<uint64_t, std::unique_ptr<TransferSession>> sessions;  // by client address and port
   uint64_t housekeepingTimer = 0;
 

@@ -1,10 +1,7 @@
 // Trace lines: the fields an operator reads, for each kind of datagram.
 #include "sim/trace.hpp"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-
-#include <string>
 
 #include "tests/support/test_support.hpp"
 
@@ -12,32 +9,25 @@ namespace {
 
 std::string line(TraceDir dir, TraceProto proto, std::vector<uint8_t> d, LinkFate fate) {
   sockaddr_in peer{};
-  peer.sin_family = AF_INET;
   peer.sin_port = htons(40001);
-  inet_pton(AF_INET, "127.0.7.3", &peer.sin_addr);
+  peer.sin_addr.s_addr = htonl(0x7F000703);  // 127.0.7.3
   char buf[160];
   int n = formatTraceLine(buf, sizeof buf, 1234567, dir, peer, proto, d.data(), static_cast<int>(d.size()), fate);
   return std::string(buf, static_cast<size_t>(n));
 }
 
-TEST(Trace, LinesCarryTimeDirectionPeerCodeBlockLengthAndFate) {
+TEST(Trace, LinesCarryTimeDirectionPeerCodeBlockOrBaseLengthAndFate) {
   EXPECT_EQ(line(TraceDir::Out, TraceProto::Transfer, kt::bytes({6, 0x01, 0x2C, 0xAA}), LinkFate::Delivered),
             "     1.235 out 127.0.7.3:40001 code 6 block 300 len 4 ok\n");
   EXPECT_EQ(line(TraceDir::In, TraceProto::Transfer, kt::bytes({9, 0, 0, 1, 0, 0xFF}), LinkFate::LostRandom),
             "     1.235 in  127.0.7.3:40001 code 9 base 256 len 6 DROPPED(loss)\n");
-  std::vector<uint8_t> meta(33, 0);
-  meta[0] = 4;
-  EXPECT_EQ(line(TraceDir::Out, TraceProto::Transfer, meta, LinkFate::Duplicated),
-            "     1.235 out 127.0.7.3:40001 code 4 block 0 len 33 dup\n");
-  EXPECT_EQ(line(TraceDir::In, TraceProto::Transfer, kt::bytes({10, 0, 0, 0x8D}), LinkFate::LostPass),
-            "     1.235 in  127.0.7.3:40001 code 10 len 4 DROPPED(pass)\n");
-  // A truncated data block shows no block number; the file manager's codes are not blocks.
+  // A truncated block shows no number; file-manager codes are not blocks.
   EXPECT_EQ(line(TraceDir::In, TraceProto::Transfer, kt::bytes({7, 1}), LinkFate::HeldBack),
             "     1.235 in  127.0.7.3:40001 code 7 len 2 late\n");
-  EXPECT_EQ(line(TraceDir::Out, TraceProto::FileManager, kt::bytes({0x11, 0}), LinkFate::LostQueue),
-            "     1.235 out 127.0.7.3:40001 code 17 len 2 DROPPED(queue)\n");
-  EXPECT_EQ(line(TraceDir::In, TraceProto::Opaque, {}, LinkFate::Delivered),
-            "     1.235 in  127.0.7.3:40001 code -1 len 0 ok\n");
+  EXPECT_EQ(line(TraceDir::Out, TraceProto::FileManager, kt::bytes({5, 0}), LinkFate::LostPass),
+            "     1.235 out 127.0.7.3:40001 code 5 len 2 DROPPED(pass)\n");
+  EXPECT_EQ(line(TraceDir::In, TraceProto::Opaque, {}, LinkFate::Duplicated),
+            "     1.235 in  127.0.7.3:40001 code -1 len 0 dup\n");
 }
 
 }  // namespace
