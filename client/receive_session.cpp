@@ -189,7 +189,7 @@ void beginSession(ReceiveSession &s) {
 }
 
 void sendSessionRequest(const ReceiveSession &s) {
-  const RequestSpec &r = s.request;
+  const SessionRequest &r = s.request;
   if (r.cmd == KESTIL_QREPORT)
     sendQReq(s.fd, s.target, s.rxSet, r.numLimits, r.limits, r.flags);
   else

@@ -32,7 +32,7 @@ extern const ReceivePolicy LISTING_POLICY;
 extern const ReceivePolicy REPORT_POLICY;
 
 // What the session asks for: a get or listing request by name, or a queue report.
-struct RequestSpec {
+struct SessionRequest {
   uint8_t cmd;                 // KESTIL_GET, KESTIL_LS or KESTIL_QREPORT
   uint8_t flags;
   const char *name;            // get and listing
@@ -49,7 +49,7 @@ struct ReceiveSession {
   const char *stateName;
   StateMapping state;
   BlkRxVector *rxSet;
-  RequestSpec request;
+  SessionRequest request;
   uint32_t lenLimit;
   int zeroPad;
   int idleLimitTicks;
