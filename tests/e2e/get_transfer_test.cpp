@@ -1,6 +1,7 @@
 // The get command against a scripted file service: clean and lossy downloads, the requests'
 // bytes, the closing acknowledgements, and the ends by digest mismatch, error report and silence.
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <string>
 
@@ -161,4 +162,25 @@ TEST(GetDownload, SilenceEndsAtTheIdleLimitWithSevenClosingAcks) {
   ASSERT_EQ(s3.requests.size(), 3u);
   for (const auto &req : s3.requests) EXPECT_EQ(req, getRequest("r.bin", 8));
   EXPECT_EQ(s3.finals.size(), 7u);
+}
+
+TEST(GetDownload, InterruptEndsIncompleteWithZeroPaddedFileKept) {
+  kt::RemoteRun run("127.0.5.16", "kestil-get", {"-z", "i.bin"});
+  ASSERT_TRUE(kt::writeFile(run.dir + "/i.bin", std::string(6000, 'o')));  // left by another file
+  ASSERT_FALSE(run.recv().empty());
+  run.send(META);
+  for (uint32_t b = 1; b <= 10; ++b) run.send(kt::blockDatagram(CONTENT, b));
+  // Interrupted once its periodic acknowledgement shows the metadata taken.
+  std::vector<uint8_t> ack;
+  for (int i = 0; i < 10 && (ack.empty() || ack[0] != 9); ++i) ack = run.recv();
+  ASSERT_TRUE(kt::ackHas(ack.data(), ack.size(), 10));
+  kill(run.child.pid, SIGINT);
+  kt::ServeOptions silent;
+  silent.answer = false;
+  kt::Served seen = run.serve(CONTENT, silent);
+  EXPECT_EQ(run.finish().status, 13);
+  EXPECT_EQ(seen.finals.size(), 7u);
+  // -z gave the file the remote length at the metadata; both files stay for a resume.
+  EXPECT_EQ(kt::readFile(run.dir + "/i.bin").size(), CONTENT.size());
+  EXPECT_EQ(kt::readFile(run.dir + "/.i.bin.kestil_state").size(), 2248u);
 }
