@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include "common/wire.hpp"
+#include "sim/pcap_writer.hpp"
 
 namespace {
 
@@ -60,6 +61,7 @@ void onReadable(EmulatedSocket *s, int64_t nowUs) {
     if (n < 0) break;  // drained (or a transient error: the next wake-up tries again)
     LinkFate fate = linkSubmit(&s->inbound, nowUs, buf, static_cast<int>(n), from);
     traceDatagram(*s->trace, nowUs, TraceDir::In, from, s->proto, buf, static_cast<int>(n), fate);
+    pcapRecord(s->trace->pcap, nowUs, from, s->local, buf, static_cast<int>(n), fate);
   }
   flush(s, nowUs);
 }
@@ -96,6 +98,7 @@ void esSend(EmulatedSocket *s, int64_t nowUs, const uint8_t *dgram, int len, con
   if (s->fd < 0 || len <= 0) return;
   LinkFate fate = linkSubmit(&s->outbound, nowUs, dgram, len, to);
   traceDatagram(*s->trace, nowUs, TraceDir::Out, to, s->proto, dgram, len, fate);
+  pcapRecord(s->trace->pcap, nowUs, s->local, to, dgram, len, fate);
   flushOutbound(s, nowUs);
   arm(s);
 }

@@ -16,6 +16,7 @@
 #include "sim/event_loop.hpp"
 #include "sim/filemgr_service.hpp"
 #include "sim/options.hpp"
+#include "sim/pcap_writer.hpp"
 #include "sim/relay.hpp"
 #include "sim/transfer_service.hpp"
 #include "station/station.hpp"
@@ -156,10 +157,21 @@ int main(int argc, char **argv) {
   DBG_init("kestil-sim");
   DBG_setLevel(4);
   installSignals();
+  // The capture is named relative to where the simulator was started, like the queue file;
+  // it is opened before the services move into the root.
+  PcapWriter pcap;
+  if (!opts.pcapPath.empty()) {
+    if (!pcapOpen(&pcap, opts.pcapPath.c_str(), monotonicUs())) {
+      std::fprintf(stderr, "kestil-sim: cannot write the capture %s: %s\n", opts.pcapPath.c_str(), std::strerror(errno));
+      return 1;
+    }
+  }
   Trace trace;
   trace.out = takeStandardOutputForTrace(opts.verbose);
+  trace.pcap = &pcap;
   int status = opts.relay ? runRelay(opts, &trace) : runServices(opts, &trace);
   if (status == 0) std::fprintf(stderr, "kestil-sim: stopped\n");
   if (trace.out != nullptr) std::fclose(trace.out);
+  pcapClose(&pcap);
   return status;
 }

@@ -70,7 +70,8 @@ bool parsePass(const char *text, uint32_t *up, uint32_t *down) {
 const char *simUsage() {
   return "usage: kestil-sim [--root DIR] [--addr ADDR] [--port N] [--filemgr-port N] [--queue FILE]\n"
          "                  [link options] [--idle S] [--pace N] [--ack-interval MS] [--ack-blocks N] [-v]\n"
-         "       kestil-sim --relay LISTEN_ADDR:PORT UPSTREAM_ADDR:PORT [link options] [--idle S] [-v]\n"
+         "                  [--pcap FILE]\n"
+         "       kestil-sim --relay LISTEN_ADDR:PORT UPSTREAM_ADDR:PORT [link options] [--idle S] [-v] [--pcap FILE]\n"
          "link options: --rate BITS_PER_S --delay MS --loss P --dup P --reorder P --pass UP_S:DOWN_S --seed N\n"
          "              (P is a fraction: 0.1 is 10%)\n";
 }
@@ -113,7 +114,7 @@ ParseOutcome parseSimOptions(int argc, const char *const *argv, SimOptions *opts
     if (opt != "--root" && opt != "--addr" && opt != "--port" && opt != "--filemgr-port" && opt != "--queue" &&
         opt != "--rate" && opt != "--delay" && opt != "--loss" && opt != "--dup" && opt != "--reorder" &&
         opt != "--pass" && opt != "--seed" && opt != "--idle" && opt != "--pace" && opt != "--ack-interval" &&
-        opt != "--ack-blocks" && opt != "--relay") {
+        opt != "--ack-blocks" && opt != "--relay" && opt != "--pcap") {
       *error = "unknown option '" + std::string(argv[i]) + "'";
       return ParseOutcome::Error;
     }
@@ -160,6 +161,9 @@ ParseOutcome parseSimOptions(int argc, const char *const *argv, SimOptions *opts
     } else if (opt == "--ack-blocks") {
       if (!parseUnsigned(value, 1024, &n) || n == 0) return bad("blocks, 1 to 1024");
       opts->ackBlocks = static_cast<uint32_t>(n);
+    } else if (opt == "--pcap") {
+      if (*value == '\0') return bad("a file name");
+      opts->pcapPath = value;
     } else if (opt == "--relay") {
       const char *upstream = i + 1 < argc ? argv[++i] : nullptr;
       if (!parseEndpoint(value, &opts->relayListen)) return bad("LISTEN_ADDR:PORT");

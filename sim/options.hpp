@@ -17,6 +17,7 @@ struct SimOptions {
   std::string queueFile;           // empty: the default inside the root
   LinkConfig link;
   bool verbose = false;            // -v: the protocol trace on standard output
+  std::string pcapPath;            // --pcap: capture file of every datagram; empty: none
   uint32_t idleS = 60;             // a transfer with no datagram for this long is dropped
   uint32_t pace = 0;               // datagrams per second per transfer; 0: derived from --rate
   uint32_t ackIntervalMs = 500;    // upload acknowledgements: at least this often ...

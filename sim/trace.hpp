@@ -14,9 +14,12 @@ enum class TraceDir : uint8_t { In, Out };
 // How byte 0 and the following bytes of a datagram are read for the trace.
 enum class TraceProto : uint8_t { Transfer, FileManager, Opaque };
 
+struct PcapWriter;
+
 struct Trace {
   FILE *out = nullptr;   // null: tracing off
   int64_t startUs = 0;
+  PcapWriter *pcap = nullptr;  // --pcap: the capture of the same datagrams; null: none
 };
 
 // Formats one datagram line (with its newline) into `buf`; returns its length.
