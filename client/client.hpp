@@ -2,7 +2,10 @@
 // and the command handlers.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <csignal>
+#include <cstdint>
 
 struct MulticallInfo {
   int (*func)(int argc, char **argv);
@@ -34,6 +37,15 @@ int progress_cmd(int argc, char **argv);
 int qadd_cmd(int argc, char **argv);
 int qrm_cmd(int argc, char **argv);
 int filemgr_status_cmd(int argc, char **argv);
+
+// Helpers the command handlers share.
+// Prints a command's synopsis line; the handler returns what this returns (0).
+int printSynopsis(const char *synopsis);
+// The last component of a path: the default name of the file on the other side.
+const char *baseName(const char *path);
+// Opens the transfer socket `fd` and aims `target` at `port` of `host`. With a null host the
+// caller fills in the address. A host that does not resolve ends the process (status 1).
+void openTransferSocket(const char *host, uint16_t port, sockaddr_in *target);
 
 // Handler body of a command that this build does not offer yet.
 int notAvailableYet(const char *command);

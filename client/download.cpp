@@ -21,10 +21,16 @@ namespace {
 constexpr int DRAIN_USEC = 250000;
 constexpr int CLOSING_ACKS = 7;
 
-void fillEndpoint(sockaddr_in *target) {
-  std::memset(target, 0, sizeof *target);
-  target->sin_family = AF_INET;
-  target->sin_port = htons(KESTIL_PORT);
+const char GET_USAGE[] = "get [-h host] [-o <local file>] [-z] [-c] [-L] <remote file>";
+const char RESUME_USAGE[] = "resume [-z] [-l <size limit>] [-L] <partial file>";
+
+// The state file's name for a local file; a name too long for its buffer ends the process
+// before anything is opened.
+void stateNameOrExit(const char *localName, char (&stateName)[STATE_NAME_MAX]) {
+  if (downloadStateName(localName, stateName)) return;
+  std::fprintf(stderr, "Local file name too long: %zu characters, at most %zu\n", std::strlen(localName),
+               LOCAL_NAME_MAX);
+  std::exit(1);
 }
 
 }  // namespace
@@ -46,12 +52,7 @@ void drain_satellite_spam(int fd) {
 void fileGet(int fd, const struct sockaddr_in *target, int, const char *local_filename, const char *remote_filename,
              int zeroPad, uint32_t lenLimit, int timeout_limit_sec, uint8_t flags, const char *) {
   char stateName[STATE_NAME_MAX];
-  // Refused before anything is opened: the state file's name would not fit its buffer.
-  if (!downloadStateName(local_filename, stateName)) {
-    std::fprintf(stderr, "Local file name too long: %zu characters, at most %zu\n", std::strlen(local_filename),
-                 LOCAL_NAME_MAX);
-    std::exit(1);
-  }
+  stateNameOrExit(local_filename, stateName);
 
   outputFd = open(local_filename, O_RDWR | O_CREAT, 0644);
   if (outputFd < 0) {
@@ -60,14 +61,8 @@ void fileGet(int fd, const struct sockaddr_in *target, int, const char *local_fi
     std::exit(1);
   }
 
-  ReceiveSession s{};
-  s.policy = &DOWNLOAD_POLICY;
-  s.fd = fd;
-  s.target = target;
-  s.localFd = outputFd;
-  s.localName = local_filename;
+  ReceiveSession s = newSession(DOWNLOAD_POLICY, fd, target, local_filename, {KESTIL_GET, flags, remote_filename, nullptr, 0});
   s.stateName = stateName;
-  s.request = {KESTIL_GET, flags, remote_filename, nullptr, 0};
   s.lenLimit = lenLimit;
   s.zeroPad = zeroPad;
 
@@ -127,29 +122,15 @@ int get_cmd(int argc, char **argv) {
       case 't': timeoutSec = std::atol(optarg); break;
       case 'c': flags |= KESTIL_FLAG_C; break;
       case 'L': flags |= KESTIL_FLAG_LONG_NAME; break;
-      default:
-        std::puts("get [-h host] [-o <local file>] [-z] [-c] [-L] <remote file>");
-        return 0;
+      default: return printSynopsis(GET_USAGE);
     }
   }
-  if (optind >= argc) {
-    std::puts("get [-h host] [-o <local file>] [-z] [-c] [-L] <remote file>");
-    return 0;
-  }
+  if (optind >= argc) return printSynopsis(GET_USAGE);
   const char *remoteName = argv[optind];
-  if (localName == nullptr) {
-    const char *slash = std::strrchr(remoteName, '/');
-    localName = slash != nullptr ? slash + 1 : remoteName;
-  }
+  if (localName == nullptr) localName = baseName(remoteName);
 
-  fd = socket_init(0);
   sockaddr_in target;
-  fillEndpoint(&target);
-  if (socket_resolve_host(host, &target.sin_addr) == 0) {
-    std::fputs("inet_aton() failed\n", stderr);
-    cleanup();
-    std::exit(1);
-  }
+  openTransferSocket(host, KESTIL_PORT, &target);
   fileGet(fd, &target, sizeof target, localName, remoteName, zeroPad, lenLimit, clampSeconds(timeoutSec), flags,
           host);
   return 0;
@@ -169,22 +150,13 @@ int resume_cmd(int argc, char **argv) {
       case 'z': zeroPad = 1; break;
       case 'l': lenLimit = static_cast<uint32_t>(std::atol(optarg)); break;
       case 't': timeoutSec = std::atol(optarg); break;
-      default:
-        std::puts("resume [-z] [-l <size limit>] [-L] <partial file>");
-        return 0;
+      default: return printSynopsis(RESUME_USAGE);
     }
   }
-  if (optind >= argc) {
-    std::puts("resume [-z] [-l <size limit>] [-L] <partial file>");
-    return 0;
-  }
+  if (optind >= argc) return printSynopsis(RESUME_USAGE);
   const char *partial = argv[optind];
   char stateName[STATE_NAME_MAX];
-  if (!downloadStateName(partial, stateName)) {
-    std::fprintf(stderr, "Local file name too long: %zu characters, at most %zu\n", std::strlen(partial),
-                 LOCAL_NAME_MAX);
-    std::exit(1);
-  }
+  stateNameOrExit(partial, stateName);
 
   int sfd = open(stateName, O_RDONLY);
   if (sfd < 0) {
@@ -200,9 +172,8 @@ int resume_cmd(int argc, char **argv) {
   close(sfd);
   tmpVec.filename[STATE_REMOTE_NAME_MAX] = '\0';  // the name comes from a file
 
-  fd = socket_init(0);
   sockaddr_in target;
-  fillEndpoint(&target);
+  openTransferSocket(nullptr, KESTIL_PORT, &target);
   std::memcpy(&target.sin_addr.s_addr, tmpVec.src.addr, 4);
   fileGet(fd, &target, sizeof target, partial, tmpVec.filename, zeroPad, lenLimit, clampSeconds(timeoutSec), flags,
           nullptr);

@@ -53,13 +53,10 @@ int queueOperation(int argc, char **argv, uint8_t cmd, uint8_t expectedResp, con
       case 'h': host = optarg; break;
       case 'g': req[QOP_GROUP] = static_cast<uint8_t>(std::atol(optarg)); break;
       case 'p': req[QOP_PRIORITY] = static_cast<uint8_t>(std::atol(optarg)); break;
-      default: std::puts(QUEUE_USAGE); return 0;
+      default: return printSynopsis(QUEUE_USAGE);
     }
   }
-  if (optind >= argc) {
-    std::puts(QUEUE_USAGE);
-    return 0;
-  }
+  if (optind >= argc) return printSynopsis(QUEUE_USAGE);
   const char *name = argv[optind];
   size_t nameLen = std::strlen(name);
   if (QOP_NAME + nameLen + 1 > QOP_MAX_LEN) {

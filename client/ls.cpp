@@ -15,6 +15,8 @@
 
 namespace {
 
+const char LS_USAGE[] = "ls [-h host] [-o <[a][r]>] <remote path>";
+
 uint8_t listingFlags(const char *options) {
   uint8_t flags = 0;
   for (const char *c = options; c != nullptr && *c != '\0'; ++c) {
@@ -43,13 +45,7 @@ int lsDir(int fd, const struct sockaddr_in *target, int, const char *path, const
     return 1;
   }
 
-  ReceiveSession s{};
-  s.policy = &LISTING_POLICY;
-  s.fd = fd;
-  s.target = target;
-  s.localFd = outputFd;
-  s.localName = listingName;
-  s.request = {KESTIL_LS, flags, path, nullptr, 0};
+  ReceiveSession s = newSession(LISTING_POLICY, fd, target, listingName, {KESTIL_LS, flags, path, nullptr, 0});
   char stateName[STATE_NAME_MAX];
   if (!runFetch(s, ".dir_listing.kestil_state.", stateName, sizeof stateName, timeout_limit_secs)) return 1;
   if (!s.success || !s.md5Valid) return 1;
@@ -69,25 +65,13 @@ int ls_cmd(int argc, char **argv) {
       case 'h': host = optarg; break;
       case 'o': options = optarg; break;
       case 't': timeoutSec = std::atol(optarg); break;
-      default:
-        std::puts("ls [-h host] [-o <[a][r]>] <remote path>");
-        return 0;
+      default: return printSynopsis(LS_USAGE);
     }
   }
-  if (optind >= argc) {
-    std::puts("ls [-h host] [-o <[a][r]>] <remote path>");
-    return 0;
-  }
+  if (optind >= argc) return printSynopsis(LS_USAGE);
   const char *path = argv[optind];
 
-  fd = socket_init(0);
-  sockaddr_in target{};
-  target.sin_family = AF_INET;
-  target.sin_port = htons(KESTIL_PORT);
-  if (socket_resolve_host(host, &target.sin_addr) == 0) {
-    std::fputs("inet_aton() failed\n", stderr);
-    cleanup();
-    std::exit(1);
-  }
+  sockaddr_in target;
+  openTransferSocket(host, KESTIL_PORT, &target);
   return lsDir(fd, &target, sizeof target, path, options, clampSeconds(timeoutSec), host);
 }

@@ -1,8 +1,10 @@
 // The command table, dispatch by program name or first argument, the usage list, and the
 // process-wide values with their clean-up and interrupt handler.
+#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "client/client.hpp"
@@ -52,6 +54,28 @@ void cleanup() {
 
 void sigint_handler(int) { rx_sigint = 1; }
 
+int printSynopsis(const char *synopsis) {
+  std::puts(synopsis);
+  return 0;
+}
+
+const char *baseName(const char *path) {
+  const char *slash = std::strrchr(path, '/');
+  return slash != nullptr ? slash + 1 : path;
+}
+
+void openTransferSocket(const char *host, uint16_t port, sockaddr_in *target) {
+  fd = socket_init(0);
+  *target = sockaddr_in{};
+  target->sin_family = AF_INET;
+  target->sin_port = htons(port);
+  if (host != nullptr && socket_resolve_host(host, &target->sin_addr) == 0) {
+    std::fputs("inet_aton() failed\n", stderr);
+    cleanup();
+    std::exit(1);
+  }
+}
+
 int notAvailableYet(const char *command) {
   std::fprintf(stderr, "kestil: the %s command is not available yet\n", command);
   return 1;
@@ -67,8 +91,7 @@ int kestil_main(int argc, char **argv) {
   sigemptyset(&action.sa_mask);
   sigaction(SIGINT, &action, nullptr);
 
-  const char *slash = std::strrchr(argv[0], '/');
-  const char *base = slash != nullptr ? slash + 1 : argv[0];
+  const char *base = baseName(argv[0]);
   for (const MulticallInfo *row = multicall; row->func != nullptr; ++row)
     if (std::strcmp(row->name, base) == 0) return row->func(argc, argv);
   if (argc > 1)

@@ -282,28 +282,15 @@ int put_cmd(int argc, char **argv) {
       case 'p': rate = static_cast<float>(std::atof(optarg)); break;
       case 'P': port = static_cast<uint16_t>(std::atoi(optarg)); break;
       case 'L': longName = 1; break;
-      default: std::puts(PUT_USAGE); return 0;
+      default: return printSynopsis(PUT_USAGE);
     }
   }
-  if (optind >= argc) {
-    std::puts(PUT_USAGE);
-    return 0;
-  }
+  if (optind >= argc) return printSynopsis(PUT_USAGE);
   const char *localName = argv[optind];
-  if (remoteName == nullptr) {
-    const char *slash = std::strrchr(localName, '/');
-    remoteName = slash != nullptr ? slash + 1 : localName;
-  }
+  if (remoteName == nullptr) remoteName = baseName(localName);
 
-  fd = socket_init(0);
-  sockaddr_in target{};
-  target.sin_family = AF_INET;
-  target.sin_port = htons(port);
-  if (!socket_resolve_host(host, &target.sin_addr)) {
-    std::fputs("inet_aton() failed\n", stderr);
-    cleanup();
-    std::exit(1);
-  }
+  sockaddr_in target;
+  openTransferSocket(host, port, &target);
   socklen_t targetLen = sizeof target;
   filePut(fd, &target, &targetLen, localName, remoteName, timeoutSecs, longName, rate);
   return 0;

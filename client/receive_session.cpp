@@ -134,6 +134,18 @@ void periodicAck(ReceiveSession &s) {
 
 }  // namespace
 
+ReceiveSession newSession(const ReceivePolicy &policy, int fd, const struct sockaddr_in *target,
+                          const char *localName, const SessionRequest &request) {
+  ReceiveSession s{};
+  s.policy = &policy;
+  s.fd = fd;
+  s.target = target;
+  s.localFd = outputFd;
+  s.localName = localName;
+  s.request = request;
+  return s;
+}
+
 int clampSeconds(long seconds) {
   if (seconds > INT_MAX) return INT_MAX;
   if (seconds < INT_MIN) return INT_MIN;

@@ -67,6 +67,11 @@ struct ReceiveSession {
   struct timeval lastAckTime;
 };
 
+// A session of `policy` on the transfer socket `fd`, receiving into the process-wide outputFd
+// (named `localName`); the transfer state is set by beginSession.
+ReceiveSession newSession(const ReceivePolicy &policy, int fd, const struct sockaddr_in *target,
+                          const char *localName, const SessionRequest &request);
+
 // An option's seconds as the int the sessions take; capped rather than wrapped.
 int clampSeconds(long seconds);
 // The idle limit in 0.5 s ticks for a limit in seconds; capped rather than wrapped.

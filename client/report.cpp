@@ -58,13 +58,7 @@ void qRep(int fd, const struct sockaddr_in *target, char **q_args, int argc, uin
     std::exit(1);
   }
 
-  ReceiveSession s{};
-  s.policy = &REPORT_POLICY;
-  s.fd = fd;
-  s.target = target;
-  s.localFd = outputFd;
-  s.localName = reportName;
-  s.request = {KESTIL_QREPORT, flags, nullptr, limits, numLimits};
+  ReceiveSession s = newSession(REPORT_POLICY, fd, target, reportName, {KESTIL_QREPORT, flags, nullptr, limits, numLimits});
   char stateName[STATE_NAME_MAX];
   if (!runFetch(s, ".q_report.kestil_state.", stateName, sizeof stateName, timeout_limit_secs)) std::exit(1);
 
@@ -92,15 +86,8 @@ int report_cmd(int argc, char **argv) {
     }
   }
 
-  fd = socket_init(0);
-  sockaddr_in target{};
-  target.sin_family = AF_INET;
-  target.sin_port = htons(KESTIL_PORT);
-  if (socket_resolve_host(host, &target.sin_addr) == 0) {
-    std::fputs("inet_aton() failed\n", stderr);
-    cleanup();
-    std::exit(1);
-  }
+  sockaddr_in target;
+  openTransferSocket(host, KESTIL_PORT, &target);
   qRep(fd, &target, argv + optind, argc - optind, flags, clampSeconds(timeoutSec));
   return 0;
 }

@@ -76,23 +76,13 @@ int rm_cmd(int argc, char **argv) {
       case 'h': host = optarg; break;
       case 'r': recursive = 1; break;
       case 'f': force = 1; break;
-      default: std::puts(RM_USAGE); return 0;
+      default: return printSynopsis(RM_USAGE);
     }
   }
-  if (optind >= argc) {
-    std::puts(RM_USAGE);
-    return 0;
-  }
+  if (optind >= argc) return printSynopsis(RM_USAGE);
 
-  fd = socket_init(0);
-  sockaddr_in target{};
-  target.sin_family = AF_INET;
-  target.sin_port = htons(KESTIL_PORT);
-  if (!socket_resolve_host(host, &target.sin_addr)) {
-    std::fputs("inet_aton() failed\n", stderr);
-    cleanup();
-    std::exit(1);
-  }
+  sockaddr_in target;
+  openTransferSocket(host, KESTIL_PORT, &target);
   socklen_t targetLen = sizeof target;
   rmFiles(fd, &target, &targetLen, argv, optind, argc, longName, host, force, recursive);
   return 0;
