@@ -8,7 +8,7 @@
 #include "tests/support/file_server.hpp"
 
 TEST(LsFetch, ListingIsReceivedKeptAndPrinted) {
-  std::string listing = kt::listingFile({{"/data/img/a.jpg", 1234, 0, 0, 0}, {"/data/img/old", 0, 0, 0, 0x80}});
+  std::string listing = kt::zlibOf(kt::rawRecord("/data/img/a.jpg", 1234, 0, 0, 0) + kt::rawRecord("/data/img/old", 0, 0, 0, 0x80));
   kt::RemoteRun run("127.0.5.20", "kestil-ls", {"-o", "-a-r", "/data/img"});
   kt::Served seen = run.serve(listing);
   kt::Result r = run.finish();

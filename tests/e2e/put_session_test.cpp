@@ -5,37 +5,26 @@
 #include <signal.h>
 #include <sys/stat.h>
 
-#include <cstring>
+#include <chrono>
 #include <random>
 #include <regex>
 #include <string>
 
 #include "common/common.hpp"
-#include "common/wire_codec.hpp"
-#include "tests/support/test_support.hpp"
+#include "tests/support/file_server.hpp"
 
 namespace {
 
-constexpr int RUN_MS = 30000;
-
-struct Upload {
-  kt::UdpPeer peer;
-  std::string dir = kt::makeTempDir();
+// A put of a file of `size` pattern bytes named `local` in the run's directory.
+struct Upload : kt::RemoteRun {
   std::string content;
-  kt::Child child;
-  sockaddr_in client{};
-
-  Upload(const char *ip, size_t size, std::vector<std::string> args, const std::string &local = "f.bin") {
-    EXPECT_TRUE(peer.bind(ip, KESTIL_PORT));
-    mkdir((dir + "/sub").c_str(), 0755);
-    content = kt::patternBytes(size, static_cast<uint32_t>(size));
-    kt::writeFile(dir + "/" + local, content);
-    args.insert(args.begin(), {"-h", ip});
+  Upload(const char *ip, size_t size, std::vector<std::string> args, const std::string &local = "f.bin")
+      : RemoteRun(ip, "kestil-put", withName(args, local), {{local, kt::patternBytes(size, uint32_t(size))}}),
+        content(kt::patternBytes(size, uint32_t(size))) {}
+  static std::vector<std::string> withName(std::vector<std::string> args, const std::string &local) {
     args.push_back(local);
-    child = kt::start(dir, "kestil-put", args);
+    return args;
   }
-  std::vector<uint8_t> next(int ms = 3000) { return peer.recv(&client, ms); }
-  void send(std::initializer_list<int> d) { peer.send(kt::bytes(d), client); }
 };
 
 // The output before the statistics line, which must end it.
@@ -52,28 +41,18 @@ std::string beforeStatistics(const std::string &out) {
 TEST(PutUpload, RequestCarriesEmptyAckAndFirstBurstIsMetadataAndFiveBlocks) {
   Upload up("127.0.6.1", 1000, {}, "sub/f.bin");  // 8 data blocks
   // Request for the last path component with an empty acknowledgement of blocks 0 to 15.
-  EXPECT_EQ(up.next(), kt::bytes({1, 0, 0, 0x8D, 0, 0, 0, 1, 'f', '.', 'b', 'i', 'n', 0, 9, 0, 0, 0, 0, 0, 0}));
-  up.send({0x09, 0, 0, 0, 0, 0xFF});  // the answer's vector is not applied: block 0 comes first
+  EXPECT_EQ(up.recv(3000), kt::bytes({1, 0, 0, 0x8D, 0, 0, 0, 1, 'f', '.', 'b', 'i', 'n', 0, 9, 0, 0, 0, 0, 0, 0}));
+  up.send(kt::bytes({0x09, 0, 0, 0, 0, 0xFF}));  // the answer's vector is not applied: block 0 comes first
 
-  KESTIL_metadata meta{};
-  std::vector<uint8_t> d = up.next();
-  ASSERT_TRUE(decodeMetadata(d.data(), d.size(), &meta));
   struct stat st {};
   stat((up.dir + "/sub/f.bin").c_str(), &st);
-  EXPECT_EQ(meta.size, 1000u);
-  EXPECT_EQ(meta.utcModTime_s, static_cast<uint32_t>(st.st_mtime));
-  EXPECT_EQ(meta.utcModTime_ns, 0u);
-  uint8_t digest[16];
-  md5_buff(up.content.data(), up.content.size(), digest);
-  EXPECT_EQ(0, std::memcmp(meta.md5, digest, 16));
-  for (int blk = 1; blk <= 5; ++blk) {
-    d = up.next();
-    std::string expected = std::string{char(KESTIL_DATA1), char(blk)} + up.content.substr((blk - 1) * 141, 141);
-    EXPECT_EQ(std::string(d.begin(), d.end()), expected) << blk;
-  }
-  up.send({0x0E, 0, 0, 0, 0});
-  kt::Result r = kt::finish(up.child, RUN_MS);
-  EXPECT_TRUE(up.next(200).empty());  // nothing but the burst
+  std::vector<uint8_t> meta = kt::metadataDatagram(1000, kt::md5Raw(up.content));
+  for (int i = 0; i < 4; ++i) meta[9 + i] = static_cast<uint8_t>(static_cast<uint32_t>(st.st_mtime) >> (24 - 8 * i));
+  EXPECT_EQ(up.recv(3000), meta);
+  for (uint32_t blk = 1; blk <= 5; ++blk) EXPECT_EQ(up.recv(3000), kt::blockDatagram(up.content, blk)) << blk;
+  up.send(kt::bytes({0x0E, 0, 0, 0, 0}));
+  kt::Result r = up.finish();
+  EXPECT_TRUE(up.recv(200).empty());  // nothing but the burst
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(beforeStatistics(r.out),
             "ACK 0\nsend blocks\nSend block 0 / 6.000000\nSend block 1 / 5.000000\nSend block 2 / 4.000000\n"
@@ -87,7 +66,7 @@ TEST(PutUpload, LossyUploadCompletesWithMatchingCopy) {
   setBlkRxVectorFileSize(&vec, 30000);
   std::string copy(30000, '\0');
   std::mt19937 loss(6);  // a quarter of the blocks and of the acknowledgements is lost
-  ASSERT_EQ(up.next().at(0), KESTIL_PUT);
+  ASSERT_EQ(up.recv(3000).at(0), KESTIL_PUT);
   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   auto nextAck = std::chrono::steady_clock::now();
   while (!vectorIsFinished(&vec) && std::chrono::steady_clock::now() < deadline) {
@@ -95,7 +74,7 @@ TEST(PutUpload, LossyUploadCompletesWithMatchingCopy) {
       if (loss() % 4 != 0) sendVectorAck(up.peer.fd(), &up.client, &vec, 0);
       nextAck += std::chrono::milliseconds(100);
     }
-    std::vector<uint8_t> d = up.next(20);
+    std::vector<uint8_t> d = up.recv(20);
     KestilDataBlock blk{};
     KESTIL_metadata meta{};
     if (d.empty() || loss() % 4 == 0) continue;
@@ -106,44 +85,42 @@ TEST(PutUpload, LossyUploadCompletesWithMatchingCopy) {
     }
   }
   sendVectorAck(up.peer.fd(), &up.client, &vec, 0);
-  kt::Result r = kt::finish(up.child, RUN_MS);
+  kt::Result r = up.finish();
   EXPECT_EQ(kt::md5Hex(copy), kt::md5Hex(up.content));
   EXPECT_EQ(r.status, 0);
-  std::string out = beforeStatistics(r.out);
-  EXPECT_EQ(out.substr(out.size() - 6), "Done!\n");
+  EXPECT_TRUE(beforeStatistics(r.out).ends_with("Done!\n"));
 }
 
 TEST(PutUpload, RemoteSideClosesOrRefusesAndInterruptEndsQuietly) {
   Upload closing("127.0.6.3", 500, {});
-  ASSERT_EQ(closing.next().at(0), KESTIL_PUT);
-  closing.send({0x0E, 0, 0, 0, 0});  // closing acknowledgement as the very first answer
-  kt::Result r = kt::finish(closing.child, RUN_MS);
+  ASSERT_EQ(closing.recv(3000).at(0), KESTIL_PUT);
+  closing.send(kt::bytes({0x0E, 0, 0, 0, 0}));  // closing acknowledgement as the very first answer
+  kt::Result r = closing.finish();
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(beforeStatistics(r.out), "ACK 0\nDone!\n");
 
   Upload refused("127.0.6.4", 500, {});
-  ASSERT_EQ(refused.next().at(0), KESTIL_PUT);
-  refused.send({0x0D, 0, 0, 0});  // 4 bytes or fewer: ignored, whatever the code
-  refused.send({0x09, 0, 0, 0});
-  refused.send({0x0D, 1, 2, 3, 4});
-  r = kt::finish(refused.child, RUN_MS);
+  ASSERT_EQ(refused.recv(3000).at(0), KESTIL_PUT);
+  for (auto d : {kt::bytes({0x0D, 0, 0, 0}), kt::bytes({0x09, 0, 0, 0}), kt::bytes({0x0D, 1, 2, 3, 4})})
+    refused.send(d);  // 4 bytes or fewer are ignored, whatever the code
+  r = refused.finish();
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.out, "PUT failure\n");
 
   Upload interrupted("127.0.6.5", 500, {});
-  ASSERT_EQ(interrupted.next().at(0), KESTIL_PUT);
+  ASSERT_EQ(interrupted.recv(3000).at(0), KESTIL_PUT);
   kill(interrupted.child.pid, SIGINT);
-  r = kt::finish(interrupted.child, RUN_MS);
+  r = interrupted.finish();
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(beforeStatistics(r.out), "");
 }
 
 TEST(PutUpload, NoAnswerRepeatsRequestEveryTwoSecondsAndGivesUpAtTwenty) {
   Upload up("127.0.6.6", 0, {"-o", "remote/name"});
-  std::vector<uint8_t> first = up.next();
+  std::vector<uint8_t> first = up.recv(3000);
   int requests = first.empty() ? 0 : 1;
-  for (std::vector<uint8_t> d; !(d = up.next(2600)).empty(); ++requests) EXPECT_EQ(d, first);
-  kt::Result r = kt::finish(up.child, RUN_MS);
+  for (std::vector<uint8_t> d; !(d = up.recv(2600)).empty(); ++requests) EXPECT_EQ(d, first);
+  kt::Result r = up.finish();
   EXPECT_EQ(requests, 10);
   EXPECT_EQ(r.status, 1);
   std::string resends;
@@ -154,10 +131,10 @@ TEST(PutUpload, NoAnswerRepeatsRequestEveryTwoSecondsAndGivesUpAtTwenty) {
 
 TEST(PutCommand, UsageAndUnreadableLocalFile) {
   std::string dir = kt::makeTempDir();
-  kt::Result r = kt::run(dir, "kestil", {"put", "-h", "127.0.6.7"}, RUN_MS);
+  kt::Result r = kt::run(dir, "kestil", {"put", "-h", "127.0.6.7"}, 10000);
   EXPECT_EQ(r.out, "put [-L] [-h host] [-o <remote file>] <local file>\n");
   EXPECT_EQ(r.status, 0);
-  r = kt::run(dir, "kestil-put", {"-h", "127.0.6.7", "missing.bin"}, RUN_MS);
+  r = kt::run(dir, "kestil-put", {"-h", "127.0.6.7", "missing.bin"}, 10000);
   EXPECT_EQ(r.err, "missing.bin: No such file or directory\n");
   EXPECT_EQ(r.status, 1);
 }

@@ -8,7 +8,7 @@
 #include "tests/support/file_server.hpp"
 
 TEST(ReportFetch, ReportIsRequestedWithLimitsReceivedKeptAndPrinted) {
-  std::string report = kt::listingFile({{"/q/one", 77, 3, 1, 0}, {"/q/two", 5, 3, 2, 0}});
+  std::string report = kt::zlibOf(kt::rawRecord("/q/one", 77, 3, 1, 0) + kt::rawRecord("/q/two", 5, 3, 2, 0));
   kt::RemoteRun run("127.0.5.30", "kestil-report", {"-r", "3", "10", "4"});
   kt::Served seen = run.serve(report);
   kt::Result r = run.finish();

@@ -1,14 +1,13 @@
-// Test helpers: a listing read back as "flags/group/priority/size/name" strings (flags in hex,
-// as the printer shows them), raw record bytes, and zlib streams made without the writer.
+// A listing read back as "flags/group/priority/size/name" strings, flags in hex as the
+// printer shows them.
 #pragma once
-
-#include <zlib.h>
 
 #include <cstdio>
 #include <string>
 #include <vector>
 
 #include "listing/listing.hpp"
+#include "tests/support/test_support.hpp"
 
 namespace kt {
 
@@ -24,21 +23,6 @@ inline std::vector<std::string> listingRecords(const std::string &path, int *res
       &recs);
   if (result != nullptr) *result = rc;
   return recs;
-}
-
-inline std::string rawRecord(const std::string &name, uint32_t size, uint8_t group, uint8_t priority, uint8_t flags) {
-  const size_t len = 10 + name.size();
-  const unsigned char head[9] = {uint8_t(len >> 8), uint8_t(len), uint8_t(size >> 24), uint8_t(size >> 16),
-                                 uint8_t(size >> 8), uint8_t(size), group, priority, flags};
-  return std::string(reinterpret_cast<const char *>(head), 9) + name + '\0';
-}
-
-inline std::string zlibOf(const std::string &plain) {
-  uLongf cap = compressBound(plain.size());
-  std::string out(cap, '\0');
-  compress2(reinterpret_cast<Bytef *>(out.data()), &cap, reinterpret_cast<const Bytef *>(plain.data()), plain.size(), 9);
-  out.resize(cap);
-  return out;
 }
 
 }  // namespace kt

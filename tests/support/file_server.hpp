@@ -3,14 +3,11 @@
 // missing, and records what the client sent.
 #pragma once
 
-#include <dirent.h>
-#include <md5.h>
-#include <sys/wait.h>
-#include <time.h>
-#include <zlib.h>
-
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <map>
 #include <regex>
 #include <set>
 #include <string>
@@ -24,15 +21,6 @@ constexpr uint32_t SERVE_BLOCK = 141;
 
 inline void putBe32(std::vector<uint8_t> &v, uint32_t x) {
   for (int s = 24; s >= 0; s -= 8) v.push_back(static_cast<uint8_t>(x >> s));
-}
-
-inline std::string md5Raw(const std::string &content) {
-  MD5_CTX ctx;
-  MD5Init(&ctx);
-  MD5Update(&ctx, reinterpret_cast<const uint8_t *>(content.data()), content.size());
-  uint8_t d[16];
-  MD5Final(d, &ctx);
-  return std::string(reinterpret_cast<char *>(d), 16);
 }
 
 inline std::vector<uint8_t> metadataDatagram(size_t size, const std::string &md5, uint32_t reqId = 1) {
@@ -86,18 +74,6 @@ struct Served {
   std::set<uint32_t> dropped;
 };
 
-inline long long monoMs() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
-// True once the child has ended; it stays unreaped for kt::finish.
-inline bool childEnded(pid_t pid) {
-  siginfo_t si{};
-  return waitid(P_PID, static_cast<id_t>(pid), &si, WEXITED | WNOHANG | WNOWAIT) == 0 && si.si_pid == pid;
-}
-
 // Serves `content` to whichever client writes, until `client` has ended (at most 30 s).
 inline Served serveFile(UdpPeer &peer, pid_t client, const std::string &content, const ServeOptions &o = {}) {
   Served seen;
@@ -120,15 +96,15 @@ inline Served serveFile(UdpPeer &peer, pid_t client, const std::string &content,
     }
   };
   uint8_t buf[2048];
-  for (long long deadline = monoMs() + 30000; monoMs() < deadline;) {
+  for (long long deadline = nowMs() + 30000; nowMs() < deadline;) {
     int n = peer.recv(buf, sizeof buf, &from, 50);
     if (n <= 0) {
       if (childEnded(client)) break;
       continue;
     }
     std::vector<uint8_t> d(buf, buf + n);
-    if (d[0] == 9) seen.acks.push_back(d), seen.ackMs.push_back(monoMs());
-    if (d[0] == 14) seen.finals.push_back(d), seen.finalMs.push_back(monoMs());
+    if (d[0] == 9) seen.acks.push_back(d), seen.ackMs.push_back(nowMs());
+    if (d[0] == 14) seen.finals.push_back(d), seen.finalMs.push_back(nowMs());
     if (d[0] == 10 || d[0] == 2 || d[0] == 11) seen.requests.push_back(d);
     if (!o.answer) continue;
     if (d[0] == 9) {
@@ -144,18 +120,27 @@ inline Served serveFile(UdpPeer &peer, pid_t client, const std::string &content,
   return seen;
 }
 
-// One run of a kestil command against a scripted remote on `ip`:3223, in its own directory.
+// One run of a kestil command against a scripted remote on `ip`:3223, in its own directory
+// holding `files` (name, content) when the command starts.
 struct RemoteRun {
   std::string dir = makeTempDir();
   UdpPeer peer;
   Child child;
   sockaddr_in client{};
-  RemoteRun(const char *ip, const std::string &command, std::vector<std::string> args) {
-    if (!peer.bind(ip, 3223)) std::abort();
+  RemoteRun(const char *ip, const std::string &command, std::vector<std::string> args,
+            const std::map<std::string, std::string> &files = {}) {
+    if (!peer.bind(ip, 3223)) {
+      std::fprintf(stderr, "cannot bind %s:3223: another test holds it\n", ip);
+      std::abort();
+    }
+    for (const auto &[name, content] : files) {
+      std::filesystem::create_directories(std::filesystem::path(dir + "/" + name).parent_path());
+      writeFile(dir + "/" + name, content);
+    }
     args.insert(args.begin(), {"-h", ip});
     child = start(dir, command, args);
   }
-  std::vector<uint8_t> recv() { return peer.recv(&client, 5000); }
+  std::vector<uint8_t> recv(int timeoutMs = 5000) { return peer.recv(&client, timeoutMs); }
   void send(const std::vector<uint8_t> &d) { peer.send(d, client); }
   Served serve(const std::string &content, const ServeOptions &o = {}) { return serveFile(peer, child.pid, content, o); }
   Result finish() { return kt::finish(child, 30000); }
@@ -168,42 +153,6 @@ inline std::string plainOut(const std::string &out) {
   static const std::regex avg("      Avg Bps: \\d+\\.\\d\\d");
   std::string s = std::regex_replace(out, noise, "");
   return std::regex_replace(std::regex_replace(s, elapsed, "Elapsed time: T"), avg, " A");
-}
-
-struct ListingEntry {
-  std::string name;
-  uint32_t size;
-  uint8_t group, priority, flags;
-};
-
-// A listing file as the remote side serves it: one zlib stream of big-endian records.
-inline std::string listingFile(const std::vector<ListingEntry> &entries) {
-  std::vector<uint8_t> raw;
-  for (const ListingEntry &e : entries) {
-    size_t len = 10 + e.name.size();
-    raw.push_back(static_cast<uint8_t>(len >> 8));
-    raw.push_back(static_cast<uint8_t>(len));
-    putBe32(raw, e.size);
-    raw.insert(raw.end(), {e.group, e.priority, e.flags});
-    raw.insert(raw.end(), e.name.begin(), e.name.end());
-    raw.push_back(0);
-  }
-  uLongf outLen = compressBound(raw.size());
-  std::string out(outLen, '\0');
-  compress2(reinterpret_cast<Bytef *>(out.data()), &outLen, raw.data(), raw.size(), 9);
-  out.resize(outLen);
-  return out;
-}
-
-// The names in `dir` that start with `prefix`.
-inline std::vector<std::string> namesStartingWith(const std::string &dir, const std::string &prefix) {
-  std::vector<std::string> names;
-  if (DIR *d = opendir(dir.c_str())) {
-    while (dirent *e = readdir(d))
-      if (std::string(e->d_name).rfind(prefix, 0) == 0) names.push_back(e->d_name);
-    closedir(d);
-  }
-  return names;
 }
 
 }  // namespace kt

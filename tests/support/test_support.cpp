@@ -2,6 +2,7 @@
 #include "tests/support/test_support.hpp"
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <md5.h>
 #include <poll.h>
@@ -10,6 +11,7 @@
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -23,13 +25,16 @@
 
 namespace kt {
 
-namespace {
 long long nowMs() {
   timespec ts{};
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
-}  // namespace
+
+bool childEnded(pid_t pid) {
+  siginfo_t si{};
+  return waitid(P_PID, static_cast<id_t>(pid), &si, WEXITED | WNOHANG | WNOWAIT) == 0 && si.si_pid == pid;
+}
 
 UdpPeer::~UdpPeer() {
   if (fd_ >= 0) close(fd_);
@@ -38,8 +43,6 @@ UdpPeer::~UdpPeer() {
 bool UdpPeer::bind(const char *ip, uint16_t port) {
   fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd_ < 0) return false;
-  int one = 1;
-  setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
   addr_.sin_family = AF_INET;
   addr_.sin_port = htons(port);
   if (inet_aton(ip, &addr_.sin_addr) == 0) return false;
@@ -171,14 +174,19 @@ std::string patternBytes(size_t size, uint32_t seed) {
   return s;
 }
 
-std::string md5Hex(const std::string &content) {
+std::string md5Raw(const std::string &content) {
   MD5_CTX ctx;
   MD5Init(&ctx);
   MD5Update(&ctx, reinterpret_cast<const uint8_t *>(content.data()), content.size());
   uint8_t digest[16];
   MD5Final(digest, &ctx);
+  return std::string(reinterpret_cast<const char *>(digest), 16);
+}
+
+std::string md5Hex(const std::string &content) {
+  const std::string raw = md5Raw(content);
   char hex[33];
-  for (int i = 0; i < 16; ++i) std::snprintf(hex + 2 * i, 3, "%02x", digest[i]);
+  for (int i = 0; i < 16; ++i) std::snprintf(hex + 2 * i, 3, "%02x", static_cast<uint8_t>(raw[i]));
   return hex;
 }
 
@@ -186,6 +194,32 @@ std::vector<uint8_t> bytes(std::initializer_list<int> list) {
   std::vector<uint8_t> v;
   for (int b : list) v.push_back(static_cast<uint8_t>(b));
   return v;
+}
+
+std::vector<std::string> namesStartingWith(const std::string &dir, const std::string &prefix) {
+  std::vector<std::string> names;
+  if (DIR *d = opendir(dir.c_str())) {
+    while (dirent *e = readdir(d))
+      if (std::string(e->d_name).rfind(prefix, 0) == 0) names.push_back(e->d_name);
+    closedir(d);
+  }
+  return names;
+}
+
+std::string rawRecord(const std::string &name, uint32_t size, uint8_t group, uint8_t priority, uint8_t flags) {
+  const size_t len = 10 + name.size();
+  const unsigned char head[9] = {uint8_t(len >> 8),  uint8_t(len), uint8_t(size >> 24), uint8_t(size >> 16),
+                                 uint8_t(size >> 8), uint8_t(size), group,              priority,
+                                 flags};
+  return std::string(reinterpret_cast<const char *>(head), 9) + name + '\0';
+}
+
+std::string zlibOf(const std::string &plain) {
+  uLongf cap = compressBound(plain.size());
+  std::string out(cap, '\0');
+  compress2(reinterpret_cast<Bytef *>(out.data()), &cap, reinterpret_cast<const Bytef *>(plain.data()), plain.size(), 9);
+  out.resize(cap);
+  return out;
 }
 
 }  // namespace kt

@@ -1,4 +1,5 @@
-// Helpers for tests that run the real kestil executable against scripted UDP peers.
+// Helpers shared by the whole suite: scripted UDP peers, runs of the real kestil executable,
+// temporary files, digests, and listing files made without the listing writer.
 #pragma once
 
 #include <netinet/in.h>
@@ -10,7 +11,9 @@
 
 namespace kt {
 
-// A UDP socket bound to one loopback address and port, owned by the test.
+// A UDP socket bound to one loopback address and port, owned by the test. No address reuse:
+// two tests that pick the same address and port make the second bind fail loudly instead of
+// sharing (and stealing) each other's datagrams.
 class UdpPeer {
  public:
   UdpPeer() = default;
@@ -57,6 +60,10 @@ Result finish(Child &child, int timeoutMs);
 Result run(const std::string &cwd, const std::string &argv0, const std::vector<std::string> &args,
            int timeoutMs);
 
+long long nowMs();  // monotonic clock
+// True once the child has ended; it stays unreaped for finish().
+bool childEnded(pid_t pid);
+
 // A fresh empty directory under the system's temporary directory.
 std::string makeTempDir();
 std::string readFile(const std::string &path);
@@ -65,6 +72,14 @@ bool exists(const std::string &path);
 // Deterministic pseudo-random content of `size` bytes.
 std::string patternBytes(size_t size, uint32_t seed);
 std::string md5Hex(const std::string &content);
+std::string md5Raw(const std::string &content);  // the 16 digest bytes
 std::vector<uint8_t> bytes(std::initializer_list<int> list);
+// The names in `dir` that start with `prefix`, in directory order.
+std::vector<std::string> namesStartingWith(const std::string &dir, const std::string &prefix);
+
+// One listing record's bytes (big-endian length and size, group, priority, flags, name, NUL)
+// and a zlib stream of any bytes: listing files as the remote side would serve them.
+std::string rawRecord(const std::string &name, uint32_t size, uint8_t group, uint8_t priority, uint8_t flags);
+std::string zlibOf(const std::string &plain);
 
 }  // namespace kt
