@@ -8,6 +8,8 @@
 
 #include "common/blk_rx_vector.hpp"
 
+struct SavedRXState;
+
 // Fetches one remote file; returns only when it was received and verified, otherwise ends the
 // process with status 1, 11, 12, 13 or 14.
 void fileGet(int fd, const struct sockaddr_in *target, int targetLen, const char *local_filename,
@@ -25,6 +27,10 @@ void qRep(int fd, const struct sockaddr_in *target, char **q_args, int argc, uin
 
 // Redraws the progress bar in place.
 void update_progress(const BlkRxVector *rxSet);
+// Prints a mapped state record: where the download comes from, how far it got and its block
+// map. 0 when all of it was printed, else the command's exit status (1: a damaged record, or
+// a complete download).
+int printStateRecord(const SavedRXState *state);
 // Prints where a partial download comes from and its block map; ends the process with status 1
 // on every failure and for a complete download.
 void printDownloadProgress(const char *local_filename);

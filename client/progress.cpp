@@ -69,6 +69,34 @@ void printBlockMap(const BlkRxVector *vec) {
 
 }  // namespace
 
+int printStateRecord(const SavedRXState *state) {
+  const BlkRxVector *vec = &state->rxSet;
+
+  in_addr host{};
+  std::memcpy(&host.s_addr, state->src.addr, 4);
+  std::printf("Remote file: %.*s\n", static_cast<int>(sizeof state->filename), state->filename);
+  std::printf("File number: %u\n", loadBe32(state->fileNum));
+  std::printf("Remote host: %s:%d\n", inet_ntoa(host), loadBe16(state->src.port));
+  std::printf("Block size: %d\n", static_cast<int>(vec->block_size));
+
+  // The bitmap index comes from a file: one outside the ring would read past it.
+  if (vec->head < 0 || vec->head > 127 || vec->blkNumBase % 8 != 0) {
+    std::printf("State record is damaged: bitmap index %d, base %u\n", static_cast<int>(vec->head), vec->blkNumBase);
+    return 1;
+  }
+  if (vectorIsFinished(vec)) {
+    std::puts("Download complete!!!");
+    return 1;
+  }
+  // Before the metadata the block count is unknown: show 0.0 rather than divide by zero.
+  double percent = vec->lastBlk != 0 ? vec->uniqueBlkCnt * 100.0 / vec->lastBlk : 0.0;
+  std::printf("Percent complete: %.1lf (%d / %d)\n", percent, static_cast<int>(vec->uniqueBlkCnt),
+              static_cast<int>(vec->lastBlk));
+  if (vec->blkNumBase > 1) std::printf("Received: 0 - %d\n", static_cast<int>(vec->blkNumBase - 1));
+  printBlockMap(vec);
+  return 0;
+}
+
 void printDownloadProgress(const char *local_filename) {
   if (local_filename == nullptr || local_filename[0] == '\0') {
     std::puts("Missing file name");
@@ -114,34 +142,10 @@ void printDownloadProgress(const char *local_filename) {
     std::perror("mmap 1");
     std::exit(1);
   }
-  const auto *state = static_cast<const SavedRXState *>(addr);
-  const BlkRxVector *vec = &state->rxSet;
-
-  in_addr host{};
-  std::memcpy(&host.s_addr, state->src.addr, 4);
-  std::printf("Remote file: %.*s\n", static_cast<int>(sizeof state->filename), state->filename);
-  std::printf("File number: %u\n", loadBe32(state->fileNum));
-  std::printf("Remote host: %s:%d\n", inet_ntoa(host), loadBe16(state->src.port));
-  std::printf("Block size: %d\n", static_cast<int>(vec->block_size));
-
-  // The bitmap index comes from a file: one outside the ring would read past it.
-  if (vec->head < 0 || vec->head > 127 || vec->blkNumBase % 8 != 0) {
-    std::printf("State record is damaged: bitmap index %d, base %u\n", static_cast<int>(vec->head), vec->blkNumBase);
-    std::exit(1);
-  }
-  if (vectorIsFinished(vec)) {
-    std::puts("Download complete!!!");
-    std::exit(1);
-  }
-  // Before the metadata the block count is unknown: show 0.0 rather than divide by zero.
-  double percent = vec->lastBlk != 0 ? vec->uniqueBlkCnt * 100.0 / vec->lastBlk : 0.0;
-  std::printf("Percent complete: %.1lf (%d / %d)\n", percent, static_cast<int>(vec->uniqueBlkCnt),
-              static_cast<int>(vec->lastBlk));
-  if (vec->blkNumBase > 1) std::printf("Received: 0 - %d\n", static_cast<int>(vec->blkNumBase - 1));
-  printBlockMap(vec);
-
+  int status = printStateRecord(static_cast<const SavedRXState *>(addr));
   munmap(addr, sizeof(SavedRXState));
   close(sfd);
+  if (status != 0) std::exit(status);
 }
 
 int progress_cmd(int argc, char **argv) {

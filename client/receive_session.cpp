@@ -87,23 +87,6 @@ void takeFirstMetadata(ReceiveSession &s) {
   }
 }
 
-void dispatch(ReceiveSession &s, const uint8_t *pkt, int nread, const sockaddr_in &from) {
-  if (s.policy->errorReports && nread >= 1 && pkt[0] == KESTIL_ERROR) {
-    if (nread == KESTIL_ERROR_LEN)
-      std::printf("Server returned error code: %d, %d, %d\n", static_cast<int32_t>(loadBe32(pkt + 1)),
-                  static_cast<int32_t>(loadBe32(pkt + 5)), static_cast<int32_t>(loadBe32(pkt + 9)));
-    s.errorOut = true;
-    return;
-  }
-  if (processData(pkt, nread, s.localFd, sizeBound(s), s.rxSet, 0)) {
-    ++s.dataSinceLastAck;
-    return;
-  }
-  if (processMetadata(pkt, nread, s.target, &from, &s.file_size, KESTIL_REQ_ID, &s.modTime, s.rxSet->md5) &&
-      s.rxSet->lastBlk == 0)
-    takeFirstMetadata(s);
-}
-
 // One idle tick; true when it ends the loop.
 bool idleTick(ReceiveSession &s) {
   ++s.timeout;
@@ -133,6 +116,23 @@ void periodicAck(ReceiveSession &s) {
 }
 
 }  // namespace
+
+void dispatchDatagram(ReceiveSession &s, const uint8_t *pkt, int nread, const sockaddr_in &from) {
+  if (s.policy->errorReports && nread >= 1 && pkt[0] == KESTIL_ERROR) {
+    if (nread == KESTIL_ERROR_LEN)
+      std::printf("Server returned error code: %d, %d, %d\n", static_cast<int32_t>(loadBe32(pkt + 1)),
+                  static_cast<int32_t>(loadBe32(pkt + 5)), static_cast<int32_t>(loadBe32(pkt + 9)));
+    s.errorOut = true;
+    return;
+  }
+  if (processData(pkt, nread, s.localFd, sizeBound(s), s.rxSet, 0)) {
+    ++s.dataSinceLastAck;
+    return;
+  }
+  if (processMetadata(pkt, nread, s.target, &from, &s.file_size, KESTIL_REQ_ID, &s.modTime, s.rxSet->md5) &&
+      s.rxSet->lastBlk == 0)
+    takeFirstMetadata(s);
+}
 
 ReceiveSession newSession(const ReceivePolicy &policy, int fd, const struct sockaddr_in *target,
                           const char *localName, const SessionRequest &request) {
@@ -223,7 +223,7 @@ void receiveLoop(ReceiveSession &s) {
       sockaddr_in recvFrom{};
       int nread = socket_read(s.fd, pktBuff, sizeof pktBuff, &recvFrom);
       if (nread > 0) s.receivedData = true;
-      dispatch(s, pktBuff, nread, recvFrom);
+      dispatchDatagram(s, pktBuff, nread, recvFrom);
       if (s.errorOut) return;
     } else if (ready == 0 || p.failedWaitIsIdle) {
       if (idleTick(s)) return;

@@ -84,6 +84,9 @@ uint32_t sizeBound(const ReceiveSession &s);
 // already has its metadata; a record without one gets the block size asked for.
 void beginSession(ReceiveSession &s);
 void sendSessionRequest(const ReceiveSession &s);
+// One datagram read by the receive loop: an error report (when the policy heeds them), a data
+// block or a metadata datagram; anything else is ignored.
+void dispatchDatagram(ReceiveSession &s, const uint8_t *pkt, int nread, const struct sockaddr_in &from);
 // Receives until the vector is complete or a rule of the policy ends the loop.
 void receiveLoop(ReceiveSession &s);
 // `count` acknowledgements of the vector, 300 ms apart.

@@ -1,0 +1,34 @@
+// Splits one fuzz input into the pieces a target feeds to the code under test: option bytes
+// and a run of length-prefixed datagrams, so one input can drive a whole exchange.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace fz {
+
+struct Input {
+  const uint8_t *p;
+  size_t len;
+
+  uint8_t byte() {
+    if (len == 0) return 0;
+    --len;
+    return *p++;
+  }
+  // Next datagram: a two-byte big-endian length (taken modulo max + 1), then that many bytes
+  // or what is left. False once the input is used up.
+  bool datagram(size_t max, const uint8_t **data, size_t *n) {
+    if (len < 2) return false;
+    size_t want = (static_cast<size_t>(p[0]) << 8 | p[1]) % (max + 1);
+    p += 2;
+    len -= 2;
+    *n = want < len ? want : len;
+    *data = p;
+    p += *n;
+    len -= *n;
+    return true;
+  }
+};
+
+}  // namespace fz

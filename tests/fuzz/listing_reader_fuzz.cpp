@@ -1,0 +1,95 @@
+// The listing reader on any file. The first byte picks how the rest becomes the file: as it
+// is, or compressed here at a chosen level so that the record parsing behind the inflate step
+// gets any bytes at all. In the second case the records delivered are checked against a plain
+// reading of the uncompressed bytes: every whole record up to the first damaged one, in order.
+#include <unistd.h>
+#include <zlib.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "common/wire.hpp"
+#include "listing/listing.hpp"
+#include "tests/fuzz/fuzz_input.hpp"
+
+namespace {
+
+constexpr size_t RECORD_MAX = 4128;
+
+struct Record {
+  uint8_t flags, group, priority;
+  uint32_t size;
+  std::string name;
+  bool operator==(const Record &) const = default;
+};
+
+std::string listingDir;
+std::string listingPath;
+
+void removeListingDir() {
+  unlink(listingPath.c_str());
+  rmdir(listingDir.c_str());
+}
+
+void collect(void *param, uint8_t flags, uint8_t group, uint8_t priority, uint32_t size, const char *filename) {
+  static_cast<std::vector<Record> *>(param)->push_back(Record{flags, group, priority, size, filename});
+}
+
+// The records of an uncompressed listing: length (2), size (4), group, priority, flags, then the
+// name with its zero byte as the record's last byte.
+std::vector<Record> plainRecords(const uint8_t *p, size_t len) {
+  std::vector<Record> out;
+  while (len >= 2) {
+    size_t recLen = loadBe16(p);
+    if (recLen > len || recLen < 10 || recLen > RECORD_MAX || p[recLen - 1] != 0) break;
+    out.push_back(Record{p[8], p[6], p[7], loadBe32(p + 2), reinterpret_cast<const char *>(p + 9)});
+    p += recLen;
+    len -= recLen;
+  }
+  return out;
+}
+
+bool writeListing(const uint8_t *p, size_t len) {
+  FILE *f = std::fopen(listingPath.c_str(), "wb");
+  if (f == nullptr) return false;
+  bool ok = std::fwrite(p, 1, len, f) == len;
+  return std::fclose(f) == 0 && ok;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+  char dir[] = "/tmp/kestil-fuzz-listing.XXXXXX";
+  if (mkdtemp(dir) == nullptr) std::abort();
+  listingDir = dir;
+  listingPath = listingDir + "/listing";
+  std::atexit(removeListingDir);
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  fz::Input in{data, size};
+  uint8_t mode = in.byte();
+  std::vector<Record> got;
+  if (mode < 0x80) {
+    if (!writeListing(in.p, in.len)) std::abort();
+    if (iterate_dirlisting(listingPath.c_str(), collect, &got) != 0) std::abort();
+    return 0;
+  }
+  uLongf packedLen = compressBound(in.len);
+  std::vector<uint8_t> packed(packedLen);
+  if (compress2(packed.data(), &packedLen, in.p, in.len, mode % 10) != Z_OK) std::abort();
+  if (!writeListing(packed.data(), packedLen)) std::abort();
+  if (iterate_dirlisting(listingPath.c_str(), collect, &got) != 0) std::abort();
+  std::vector<Record> want = plainRecords(in.p, in.len);
+  if (got != want) {
+    std::fprintf(stderr, "listing reader delivered %zu records, the plain reading has %zu\n", got.size(),
+                 want.size());
+    std::abort();
+  }
+  return 0;
+}

@@ -1,0 +1,110 @@
+// The download queue's data file loader on any file, then a few queue changes, then a second
+// load of the same data file. The queue must keep its own rules after each step (counts and
+// sizes that match the lists, priority order, the group cap, one entry per name and group),
+// and the second load must give back exactly the queue the first one left: the data file
+// always mirrors the queue, also after a load that dropped or moved entries.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "queue/downlink_queue.hpp"
+#include "tests/fuzz/fuzz_input.hpp"
+
+namespace {
+
+// Names that exist in the working directory, with sizes 0, 1, 141, 1000; "gone" does not.
+const char *const NAMES[] = {"a", "b", "c", "d", "gone"};
+
+std::string workDir;
+
+void removeWorkDir() {
+  for (const char *n : NAMES) unlink((workDir + "/" + n).c_str());
+  unlink((workDir + "/queue.dat").c_str());
+  rmdir(workDir.c_str());
+}
+
+using Entry = std::tuple<int, std::string, uint8_t, uint8_t, uint32_t>;  // group, name, priority, flags, size
+
+void fail(const char *what) {
+  std::fprintf(stderr, "queue rule broken: %s\n", what);
+  std::abort();
+}
+
+std::vector<Entry> snapshot() {
+  std::vector<Entry> all;
+  for (int g = 0; g < DWNQ_GROUPS; ++g) {
+    const Group &grp = groups[g];
+    uint32_t count = 0;
+    uint32_t total = 0;
+    const File *last = nullptr;
+    std::set<std::string> names;
+    for (const File *f = grp.head; f != nullptr; f = f->groupNext) {
+      if (++count > DWNQ_GROUP_CAP) fail("group over its cap");
+      if (last != nullptr && last->priority > f->priority) fail("priority order");
+      if (!names.insert(f->name).second) fail("one name twice in a group");
+      if (f->group != g) fail("entry in another group's list");
+      total += f->size;
+      last = f;
+      all.emplace_back(g, f->name, f->priority, f->flags, f->size);
+    }
+    if (count != grp.fileCnt) fail("entry count");
+    if (total != grp.totalSize) fail("total size");
+    if (grp.tail != last) fail("tail");
+  }
+  return all;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+  char dir[] = "/tmp/kestil-fuzz-queue.XXXXXX";
+  if (mkdtemp(dir) == nullptr || chdir(dir) != 0) std::abort();
+  workDir = dir;
+  const size_t sizes[] = {0, 1, 141, 1000};
+  for (size_t i = 0; i < 4; ++i) {
+    FILE *f = std::fopen(NAMES[i], "wb");
+    if (f == nullptr) std::abort();
+    for (size_t k = 0; k < sizes[i]; ++k) std::fputc('x', f);
+    std::fclose(f);
+  }
+  std::atexit(removeWorkDir);
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  fz::Input in{data, size};
+  // Queue changes after the first load: op, group, priority; the name comes from the op byte.
+  uint8_t ops[8][3] = {};
+  int opCount = in.byte() % 9;
+  for (int i = 0; i < opCount; ++i)
+    for (uint8_t &b : ops[i]) b = in.byte();
+
+  int fd = open("queue.dat", O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  if (fd < 0 || write(fd, in.p, in.len) != static_cast<ssize_t>(in.len)) std::abort();
+  close(fd);
+
+  dwnq_close();
+  dwnq_init("queue.dat");
+  snapshot();
+  for (int i = 0; i < opCount; ++i) {
+    const char *name = NAMES[(ops[i][0] >> 1) % 5];
+    if (ops[i][0] & 1)
+      dwnq_remove(name, ops[i][1]);
+    else
+      dwnq_insert(name, ops[i][1], ops[i][2], ops[i][0] >> 4);
+  }
+  std::vector<Entry> before = snapshot();
+  dwnq_close();
+  dwnq_init("queue.dat");
+  if (snapshot() != before) fail("the data file does not give back the queue");
+  dwnq_close();
+  return 0;
+}

@@ -1,0 +1,165 @@
+// Datagrams as the receive loops meet them. The first option byte picks the side:
+// - the download side: a state record (fresh, or taken from the input the way a resumed get
+//   would find it on disk) and a run of datagrams handed to the receive loop's dispatch, with
+//   the progress redraw after each, under the download, listing or report rules;
+// - the upload side: a run of datagrams (acknowledgements, refusals, anything) handed to the
+//   upload session of a small file, with a paced burst after each acknowledgement.
+#include <arpa/inet.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "client/client.hpp"
+#include "client/download.hpp"
+#include "client/put.hpp"
+#include "client/receive_session.hpp"
+#include "client/state_file.hpp"
+#include "common/common.hpp"
+#include "tests/fuzz/fuzz_input.hpp"
+
+namespace {
+
+constexpr uint8_t OPT_UPLOAD = 0x01;
+constexpr uint8_t OPT_RECORD_FROM_INPUT = 0x02;
+constexpr uint8_t OPT_ZERO_PAD = 0x04;
+constexpr uint8_t OPT_FOREIGN_SENDER = 0x08;  // datagrams from another port than the target's
+
+std::string stateDir;
+std::string stateName;
+
+void removeStateDir() {
+  unlink(stateName.c_str());
+  rmdir(stateDir.c_str());
+}
+
+sockaddr_in endpoint(uint16_t port) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(port);
+  a.sin_addr.s_addr = htonl(0x7F000901);  // never sent to: the sockets here are -1
+  return a;
+}
+
+void fail(const char *what) {
+  std::fprintf(stderr, "invariant broken: %s\n", what);
+  std::abort();
+}
+
+// What the vector operations must keep whatever arrives: an index inside the ring and a base
+// on a whole byte of it.
+void checkVector(const BlkRxVector *v) {
+  if (v->head < 0 || v->head > 127) fail("ring index outside the ring");
+  if (v->blkNumBase % 8 != 0) fail("window base not on a ring byte");
+}
+
+void download(uint8_t opts, fz::Input in) {
+  const ReceivePolicy *policies[] = {&DOWNLOAD_POLICY, &LISTING_POLICY, &REPORT_POLICY};
+  const ReceivePolicy *policy = policies[(opts >> 4) % 3];
+  sockaddr_in target = endpoint(3223);
+  sockaddr_in from = (opts & OPT_FOREIGN_SENDER) ? endpoint(3300) : target;
+
+  unlink(stateName.c_str());
+  if (opts & OPT_RECORD_FROM_INPUT) {
+    // The record as a resumed download would find it: whatever the input holds.
+    SavedRXState rec{};
+    size_t n = in.len < sizeof rec ? in.len : sizeof rec;
+    std::memcpy(&rec, in.p, n);
+    in.p += n;
+    in.len -= n;
+    FILE *f = std::fopen(stateName.c_str(), "wb");
+    if (f == nullptr) std::abort();
+    std::fwrite(&rec, 1, sizeof rec, f);
+    std::fclose(f);
+  }
+  ReceiveSession s{};
+  if (openDownloadState(stateName.c_str(), "remote.bin", &target, &s.state) != StateFailure::None) return;
+  s.policy = policy;
+  s.fd = -1;
+  s.target = &target;
+  s.localFd = memfd_create("local", 0);
+  if (s.localFd < 0) std::abort();
+  s.localName = "local";
+  s.stateName = stateName.c_str();
+  s.rxSet = &static_cast<SavedRXState *>(s.state.addr)->rxSet;
+  s.zeroPad = (opts & OPT_ZERO_PAD) ? 1 : 0;
+  beginSession(s);
+  checkVector(s.rxSet);
+
+  const uint8_t *d;
+  size_t n;
+  while (in.datagram(KESTIL_MAX_DATAGRAM, &d, &n)) {
+    // The receive loop's own buffer: a datagram never reaches past it.
+    uint8_t pkt[KESTIL_MAX_DATAGRAM];
+    std::memcpy(pkt, d, n);
+    dispatchDatagram(s, pkt, static_cast<int>(n), from);
+    checkVector(s.rxSet);
+    if (s.errorOut) break;
+    update_progress(s.rxSet);
+    if (vectorIsFinished(s.rxSet)) break;
+  }
+  close(s.localFd);
+  closeState(&s.state);
+}
+
+void upload(uint8_t opts, fz::Input in) {
+  // A file of 0 to 255 full blocks and a tail, so acknowledgements can complete it.
+  uint32_t size = static_cast<uint32_t>(in.byte()) * KESTIL_BLOCK_SIZE + in.byte() % KESTIL_BLOCK_SIZE;
+  int fileFd = memfd_create("upload", 0);
+  if (fileFd < 0 || ftruncate(fileFd, size) != 0) std::abort();
+  struct stat st {};
+  fstat(fileFd, &st);
+  auto *tx = static_cast<KESTIL_TXState *>(std::calloc(1, sizeof(KESTIL_TXState)));
+  putInitTxState(tx, fileFd, st);
+  if (opts & OPT_ZERO_PAD) cacheFile(tx);  // both ways of reading blocks
+  sockaddr_in target = endpoint(3223);
+  PutSession s;
+  putInitSession(&s, tx, -1, &target, "remote.bin", 0, 1000, 50.0f);
+  timeval now{1000, 0};
+  const uint8_t *d;
+  size_t n;
+  while (in.datagram(KESTIL_MAX_DATAGRAM, &d, &n)) {
+    uint8_t pkt[KESTIL_MAX_DATAGRAM];
+    std::memcpy(pkt, d, n);
+    now.tv_usec += 200000;
+    if (now.tv_usec >= 1000000) {
+      now.tv_sec += 1;
+      now.tv_usec -= 1000000;
+    }
+    PutStep step = putOnDatagram(&s, pkt, static_cast<int>(n), target, now);
+    checkVector(&tx->rxVec);
+    if (tx->nextBlkNum > tx->rxVec.lastBlk && tx->nextBlkNum > tx->rxVec.blkNumBase + BLK_RX_WINDOW)
+      fail("next block past both the file and the window");
+    if (step != PutStep::Continue) break;
+    if (n == 0) (void)putOnIdleTick(&s);  // an empty datagram stands for half a second of silence
+  }
+  releaseFileCache(tx);
+  std::free(tx);
+  close(fileFd);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+  char dir[] = "/tmp/kestil-fuzz-rx.XXXXXX";
+  if (mkdtemp(dir) == nullptr) std::abort();
+  stateDir = dir;
+  stateName = stateDir + "/.local.kestil_state";
+  std::atexit(removeStateDir);
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  fz::Input in{data, size};
+  uint8_t opts = in.byte();
+  if (opts & OPT_UPLOAD)
+    upload(opts, in);
+  else
+    download(opts, in);
+  return 0;
+}

@@ -1,0 +1,135 @@
+// The simulator's handling of whatever reaches its two services: a run of datagrams from two
+// client addresses, each with a time step, handed to the transfer service (requests of every
+// kind, acknowledgements, upload blocks, removals) or to the file manager, with the protocol
+// trace on. The served root is laid out anew for every input, so removals and uploads of one
+// input do not change the next.
+#include <arpa/inet.h>
+#include <ftw.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "queue/downlink_queue.hpp"
+#include "sim/filemgr_service.hpp"
+#include "sim/trace.hpp"
+#include "sim/transfer_service.hpp"
+#include "tests/fuzz/fuzz_input.hpp"
+
+namespace {
+
+std::string workDir;
+std::string rootDir;
+std::string queuePath;
+int peers[2] = {-1, -1};
+sockaddr_in peerAddr[2];
+FILE *traceOut = nullptr;
+
+int removeEntry(const char *path, const struct stat *, int, struct FTW *) { return remove(path); }
+
+void writeFile(const char *name, size_t size) {
+  FILE *f = std::fopen(name, "wb");
+  if (f == nullptr) std::abort();
+  for (size_t i = 0; i < size; ++i) std::fputc(static_cast<int>(i * 7 % 251), f);
+  std::fclose(f);
+}
+
+// The root: two files either side of a block, a larger one and a directory with one file.
+void layOutRoot() {
+  if (chdir(workDir.c_str()) != 0) std::abort();
+  nftw(rootDir.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+  if (mkdir(rootDir.c_str(), 0755) != 0 || chdir(rootDir.c_str()) != 0 || mkdir("d", 0755) != 0) std::abort();
+  writeFile("a", 100);
+  writeFile("b", 300);
+  writeFile("big", 20000);
+  writeFile("d/c", 141);
+}
+
+void removeWorkDir() {
+  if (chdir("/") != 0) return;
+  nftw(workDir.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+}
+
+sockaddr_in loopback(uint32_t host) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(host);
+  return a;
+}
+
+void drainPeers() {
+  uint8_t buf[2048];
+  for (int fd : peers)
+    while (recv(fd, buf, sizeof buf, MSG_DONTWAIT) >= 0) {
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+  char dir[] = "/tmp/kestil-fuzz-sim.XXXXXX";
+  if (mkdtemp(dir) == nullptr) std::abort();
+  workDir = dir;
+  rootDir = workDir + "/root";
+  queuePath = workDir + "/queue.dat";
+  std::atexit(removeWorkDir);
+  traceOut = std::fopen("/dev/null", "w");
+  // Two clients on loopback that only take what the services send and drop it.
+  for (int i = 0; i < 2; ++i) {
+    peerAddr[i] = loopback(0x7F000902 + static_cast<uint32_t>(i));  // 127.0.9.2, 127.0.9.3
+    peers[i] = socket(AF_INET, SOCK_DGRAM, 0);
+    socklen_t len = sizeof peerAddr[i];
+    if (peers[i] < 0 || bind(peers[i], reinterpret_cast<sockaddr *>(&peerAddr[i]), sizeof peerAddr[i]) != 0 ||
+        getsockname(peers[i], reinterpret_cast<sockaddr *>(&peerAddr[i]), &len) != 0)
+      std::abort();
+  }
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  layOutRoot();
+  char real[PATH_MAX];
+  if (realpath(".", real) == nullptr) std::abort();
+  FILE *q = std::fopen(queuePath.c_str(), "wb");
+  if (q == nullptr) std::abort();
+  std::fclose(q);
+  dwnq_close();
+  dwnq_init(queuePath.c_str());
+
+  SimOptions opts;
+  Trace trace;
+  trace.out = traceOut;
+  EventLoop loop;
+  TransferService svc;
+  int64_t now = 1000000000;
+  int fd = openUdpSocket(loopback(0x7F000901));  // 127.0.9.1
+  if (fd < 0 || !transferServiceStart(&svc, &opts, real, &loop, &trace, fd, now)) std::abort();
+
+  fz::Input in{data, size};
+  const uint8_t *d;
+  size_t n;
+  for (uint8_t step = in.byte(); in.datagram(1500, &d, &n); step = in.byte()) {
+    const sockaddr_in &from = peerAddr[step & 1];
+    char line[4096];
+    formatTraceLine(line, sizeof line, now, TraceDir::In, from, (step & 2) ? TraceProto::FileManager : TraceProto::Transfer,
+                    d, static_cast<int>(n), LinkFate::Delivered);
+    if (step & 2) {
+      uint8_t resp[2];
+      filemgrAnswer(real, d, static_cast<int>(n), resp, sizeof resp);
+    } else {
+      transferHandleDatagram(&svc, d, static_cast<int>(n), from, now);
+    }
+    // Up to 630 ms in 10 ms steps: pacing, acknowledgement timers and housekeeping run.
+    for (int i = 0; i < (step >> 2); ++i) loopRunDue(&loop, now += 10000);
+    drainPeers();
+  }
+  transferServiceStop(&svc);
+  dwnq_close();
+  drainPeers();
+  return 0;
+}
