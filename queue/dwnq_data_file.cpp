@@ -37,16 +37,27 @@ void emptyGroups() {
   memset(groups, 0, sizeof groups);
 }
 
+// The file ends in a record cut short (a process stopped between the writes of an append):
+// the file is cut back to its last whole record, or the records appended after the cut one
+// would be read as part of it at the next load and lost.
+void dropCutRecord(off_t wholeEnd) {
+  errno = 0;
+  if (ftruncate(datafd, wholeEnd) != 0) DBG_LOG_ERRNO(4, "unable to truncate qdata");
+  errno = 0;
+}
+
 // Reads the records of the open data file into the queue.
 void loadRecords() {
   uint8_t *entry = nullptr;
   uint16_t entryLen = 0;
+  off_t wholeEnd = 0;  // end of the last whole record
   for (;;) {
     errno = 0;
     const ssize_t got = read(datafd, &entryLen, sizeof entryLen);
     if (got != static_cast<ssize_t>(sizeof entryLen)) {
       // End of file, or one stray byte at the end: nothing more to load.
       if (got < 0) DBG_LOG_ERRNO(4, "bad read from data file");
+      if (got == 1) dropCutRecord(wholeEnd);
       break;
     }
     // One byte at least, so that an entry length of 0 still gets a buffer.
@@ -57,10 +68,13 @@ void loadRecords() {
     }
     entry = grown;
     errno = 0;
-    if (read(datafd, entry, entryLen) != entryLen) {
+    const ssize_t body = read(datafd, entry, entryLen);
+    if (body != entryLen) {
       DBG_LOG_ERRNO(4, "bad read from data file");
+      if (body >= 0) dropCutRecord(wholeEnd);
       break;
     }
+    wholeEnd += static_cast<off_t>(sizeof entryLen) + entryLen;
     // The name's zero byte must leave room for the three attribute bytes inside the record.
     // A record without it is skipped: its length still frames it, so loading goes on with
     // the next record.

@@ -157,13 +157,18 @@ TEST_F(Queue, DataFileRecordsAppendRewriteAndReload) {
 
 TEST_F(Queue, LoadingSkipsMalformedRecordsAndKeepsRecordsNotYetRead) {
   // Entry length 2 (no room for the attributes), a name without its zero byte, a good
-  // record, one stray byte: nothing past a record is read and the file stays as it was.
+  // record, one stray byte: nothing past a record is read, and the file loses only the
+  // stray byte, so that the next append starts a record of its own.
   kt::writeFile("a", "");
   const std::string bad = std::string("\x02\x00" "ab" "\x06\x00" "abcdef", 12) + record("a", 1) + "\x07";
   kt::writeFile("q.dat", bad);
   dwnq_init("q.dat");
   EXPECT_EQ(order(1), (Names{"a"}));
-  EXPECT_EQ(kt::readFile("q.dat"), bad);
+  EXPECT_EQ(kt::readFile("q.dat"), bad.substr(0, bad.size() - 1));
+  dwnq_insert("a", 2, 0, 0);
+  dwnq_close();
+  dwnq_init("q.dat");
+  EXPECT_EQ(order(2), (Names{"a"}));
 
   // An overfull group and a duplicate make loading remove entries; the record read after
   // them is still loaded, and the file is rewritten once, to match the queue.
