@@ -69,7 +69,7 @@ bool parsePass(const char *text, uint32_t *up, uint32_t *down) {
 
 const char *simUsage() {
   return "usage: kestil-sim [--root DIR] [--addr ADDR] [--port N] [--filemgr-port N] [--queue FILE]\n"
-         "                  [link options] [--idle S] [--pace N] [--ack-interval MS] [--ack-blocks N] [-v]\n"
+         "                  [link options] [--idle S] [--pace N | --pace-rate BITS_PER_S] [--ack-interval MS] [--ack-blocks N] [-v]\n"
          "                  [--pcap FILE]\n"
          "       kestil-sim --relay LISTEN_ADDR:PORT UPSTREAM_ADDR:PORT [link options] [--idle S] [-v] [--pcap FILE]\n"
          "link options: --rate BITS_PER_S --delay MS --loss P --dup P --reorder P --pass UP_S:DOWN_S --seed N\n"
@@ -113,7 +113,7 @@ ParseOutcome parseSimOptions(int argc, const char *const *argv, SimOptions *opts
     };
     if (opt != "--root" && opt != "--addr" && opt != "--port" && opt != "--filemgr-port" && opt != "--queue" &&
         opt != "--rate" && opt != "--delay" && opt != "--loss" && opt != "--dup" && opt != "--reorder" &&
-        opt != "--pass" && opt != "--seed" && opt != "--idle" && opt != "--pace" && opt != "--ack-interval" &&
+        opt != "--pass" && opt != "--seed" && opt != "--idle" && opt != "--pace" && opt != "--pace-rate" && opt != "--ack-interval" &&
         opt != "--ack-blocks" && opt != "--relay" && opt != "--pcap") {
       *error = "unknown option '" + std::string(argv[i]) + "'";
       return ParseOutcome::Error;
@@ -155,6 +155,9 @@ ParseOutcome parseSimOptions(int argc, const char *const *argv, SimOptions *opts
     } else if (opt == "--pace") {
       if (!parseUnsigned(value, 1000000, &n)) return bad("datagrams per second, 0 for the default");
       opts->pace = static_cast<uint32_t>(n);
+    } else if (opt == "--pace-rate") {
+      if (!parseUnsigned(value, 10000000000ull, &n)) return bad("bits per second, 0 for the default");
+      opts->paceBits = n;
     } else if (opt == "--ack-interval") {
       if (!parseUnsigned(value, 60000, &n) || n == 0) return bad("milliseconds, at least 1");
       opts->ackIntervalMs = static_cast<uint32_t>(n);
@@ -185,4 +188,11 @@ uint32_t effectivePace(const SimOptions &opts, uint32_t blockSize) {
   }
   // Unlimited link: fast, yet slow enough that a client on the same host keeps up.
   return 2000;
+}
+
+double effectivePaceBits(const SimOptions &opts, uint32_t blockSize) {
+  if (opts.paceBits > 0) return static_cast<double>(opts.paceBits);
+  if (opts.pace == 0 && opts.link.rateBps > 0) return static_cast<double>(opts.link.rateBps);
+  double fullBits = (static_cast<double>(blockSize) + 5 + LINK_IP_UDP_OVERHEAD) * 8;
+  return static_cast<double>(effectivePace(opts, blockSize)) * fullBits;
 }

@@ -20,6 +20,7 @@ struct SimOptions {
   std::string pcapPath;            // --pcap: capture file of every datagram; empty: none
   uint32_t idleS = 60;             // a transfer with no datagram for this long is dropped
   uint32_t pace = 0;               // datagrams per second per transfer; 0: derived from --rate
+  uint64_t paceBits = 0;           // or bits per second of wire per transfer; 0: not given
   uint32_t ackIntervalMs = 500;    // upload acknowledgements: at least this often ...
   uint32_t ackBlocks = 64;         // ... or after this many new blocks
   bool relay = false;              // relay mode: no services, only the emulated link
@@ -37,3 +38,7 @@ const char *simUsage();
 // Datagrams per second a transfer is paced at: --pace, else the link rate's worth of full
 // blocks of `blockSize` bytes, else a loopback-friendly default.
 uint32_t effectivePace(const SimOptions &opts, uint32_t blockSize);
+// Bits per second of wire (28 bytes of IP/UDP counted per datagram) a download is paced at:
+// --pace-rate, else --pace full blocks of `blockSize` bytes, else the link rate, else the
+// loopback default. A link emulated elsewhere (a relay) is matched with --pace-rate.
+double effectivePaceBits(const SimOptions &opts, uint32_t blockSize);

@@ -11,6 +11,9 @@ struct RelayFlow {
   sockaddr_in client{};
   EmulatedSocket upstreamSock;
   int64_t lastHeardUs = 0;
+  // Where the upstream last answered from. A service that answers each transfer from a port
+  // of its own (TFTP does) is then reached there, as its client would reach it directly.
+  sockaddr_in upstreamPeer{};
 };
 
 namespace {
@@ -32,11 +35,13 @@ RelayFlow *flowFor(Relay *relay, const sockaddr_in &client, int64_t now) {
   if (fd < 0) return nullptr;
   auto flow = std::make_unique<RelayFlow>();
   flow->client = client;
+  flow->upstreamPeer = relay->upstream;
   RelayFlow *f = flow.get();
   // The link is emulated once, on the clients' side; the upstream leg is plain.
   esStart(&f->upstreamSock, fd, relay->loop, &relay->quiet, TraceProto::Opaque, LinkConfig{}, 0, now,
-          [relay, f](const uint8_t *d, int n, const sockaddr_in &, int64_t t) {
+          [relay, f](const uint8_t *d, int n, const sockaddr_in &from, int64_t t) {
             f->lastHeardUs = t;
+            f->upstreamPeer = from;
             esSend(&relay->listen, t, d, n, f->client);
           });
   relay->flows.emplace(key, std::move(flow));
@@ -73,7 +78,7 @@ void relayStart(Relay *relay, EventLoop *loop, const Trace *trace, const LinkCon
             RelayFlow *f = flowFor(relay, from, t);
             if (f == nullptr) return;
             f->lastHeardUs = t;
-            esSend(&f->upstreamSock, t, d, n, relay->upstream);
+            esSend(&f->upstreamSock, t, d, n, f->upstreamPeer);
           });
   relay->housekeepingTimer = loopAddTimer(loop, nowUs + HOUSEKEEPING_US, [relay](int64_t t) { housekeeping(relay, t); });
 }

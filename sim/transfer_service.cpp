@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <set>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -37,6 +38,15 @@ constexpr int CAPTURE_WAIT_MS = 200;
 enum class SendKind : uint8_t { File, Listing, Report };
 enum class ReceiveState : uint8_t { Receiving, Done, Refused };
 
+// Blocks above the window's base that a sender may have in flight; the window is 1024 blocks.
+constexpr uint32_t KESTIL_WINDOW_BLOCKS = 1024;
+
+struct SendStamp {
+  uint32_t blk = 0;
+  uint64_t count = 0;          // 0: never sent
+  uint32_t resentInRound = 0;  // acknowledgement round of its last resend; 0 after a first send
+};
+
 struct ReportedEntry {
   std::string name;
   uint8_t group;
@@ -55,9 +65,18 @@ struct TransferSession {
   SendKind sendKind = SendKind::File;
   KESTIL_TXState tx{};
   bool passExhausted = false;  // nothing sendable until the next acknowledgement
-  double credit = 0.0;
-  uint32_t pace = 1;
+  double credit = 0.0;         // in bits of wire, IP/UDP overhead included
+  double paceBits = 1.0;       // bits per second the session is paced at
   int64_t lastCreditUs = 0;
+  // Retransmission: every send is stamped with a running count, per block of the window, so
+  // an acknowledgement that shows a later send arrived shows which earlier ones were lost.
+  uint64_t sendCount = 0;
+  SendStamp stamps[KESTIL_WINDOW_BLOCKS]{};
+  uint32_t nextNew = 0;        // the forward pass: lowest block never sent
+  std::set<uint32_t> lost;     // blocks to send again before anything new
+  uint32_t fillNext = 0;       // the round of unacknowledged blocks that fills an idle wire
+  bool fillSpent = false;      // one such round per applied acknowledgement
+  uint32_t acksHeard = 0;      // the client's acknowledgements applied (not the request's)
   uint64_t pumpTimer = 0;
   bool removeOnConfirm = false;
   std::vector<ReportedEntry> reported;
@@ -130,29 +149,93 @@ void endSession(TransferService *svc, TransferSession *s, int64_t now, const cha
 
 void schedulePump(TransferService *svc, TransferSession *s, int64_t dueUs);
 
+bool acked(const TransferSession *s, uint32_t blk) { return blkIsInVector(const_cast<BlkRxVector *>(&s->tx.rxVec), blk) != 0; }
+
+uint32_t windowEnd(const TransferSession *s) {
+  return static_cast<uint32_t>(std::min<uint64_t>(static_cast<uint64_t>(s->tx.rxVec.blkNumBase) + KESTIL_WINDOW_BLOCKS,
+                                                  s->tx.rxVec.lastBlk));
+}
+
+bool everSent(const TransferSession *s, uint32_t blk) {
+  const SendStamp &st = s->stamps[blk % KESTIL_WINDOW_BLOCKS];
+  return st.count != 0 && st.blk == blk;
+}
+
+// One round over what is sent but unacknowledged fills the wire that would otherwise stand
+// idle until the client's next acknowledgement (up to 2 s away): at the end of the file, or
+// while a lost block at the base holds the window. It starts once the client has
+// acknowledged anything, and skips what was already resent since the last acknowledgement.
+bool fillCandidate(const TransferSession *s, uint32_t blk) {
+  const SendStamp &st = s->stamps[blk % KESTIL_WINDOW_BLOCKS];
+  return everSent(s, blk) && !acked(s, blk) && st.resentInRound != s->acksHeard + 1;
+}
+
+// What goes out next, in this order: blocks known lost, the forward pass, the fill round.
+// False when nothing is sendable until an acknowledgement.
+bool pickNext(TransferSession *s, uint32_t *blk, bool *resend) {
+  *resend = true;
+  while (!s->lost.empty()) {
+    uint32_t b = *s->lost.begin();
+    s->lost.erase(s->lost.begin());
+    if (!acked(s, b) && b < windowEnd(s)) {
+      *blk = b;
+      return true;
+    }
+  }
+  uint32_t end = windowEnd(s);
+  // The metadata always opens the pass: it is what answers the request, a resume's too.
+  while (s->nextNew != 0 && s->nextNew < end && acked(s, s->nextNew)) s->nextNew++;
+  if (s->nextNew < end) {
+    *blk = s->nextNew++;
+    *resend = false;
+    return true;
+  }
+  if (s->fillSpent || s->acksHeard == 0) return false;
+  s->fillNext = std::max(s->fillNext, s->tx.rxVec.blkNumBase);
+  while (s->fillNext < s->nextNew && s->fillNext < end && !fillCandidate(s, s->fillNext)) s->fillNext++;
+  if (s->fillNext < s->nextNew && s->fillNext < end) {
+    *blk = s->fillNext++;
+    return true;
+  }
+  s->fillSpent = true;
+  return false;
+}
+
 void pump(TransferService *svc, TransferSession *s, int64_t now) {
   s->pumpTimer = 0;
-  double earned = static_cast<double>(s->pace) * static_cast<double>(now - s->lastCreditUs) / 1e6;
+  double earned = s->paceBits * static_cast<double>(now - s->lastCreditUs) / 1e6;
   s->lastCreditUs = now;
-  // Credit saved while waiting for an acknowledgement is not spent in one burst later.
-  double cap = std::max(2.0, static_cast<double>(s->pace) * 0.02);
+  // Credit saved while waiting for an acknowledgement is not spent in one burst later: at
+  // most 20 ms of the rate, and never less than two full datagrams.
+  double fullBits = (static_cast<double>(s->tx.blkSize) + 5 + LINK_IP_UDP_OVERHEAD) * 8;
+  double cap = std::max(2.0 * fullBits, s->paceBits * 0.02);
   s->credit = std::min(cap, s->credit + earned);
   uint8_t buf[KESTIL_MAX_DATAGRAM];
-  while (s->credit >= 1.0 && !s->passExhausted) {
+  s->passExhausted = false;
+  // Each datagram is charged its own size on the wire, so short ones (the metadata, the last
+  // block) leave room for more and the link is filled, not overrun.
+  while (s->credit > 0.0) {
+    uint32_t blk = 0;
+    bool resend = false;
+    if (!pickNext(s, &blk, &resend)) {
+      s->passExhausted = true;
+      break;
+    }
     int len = 0;
-    bool metadata = s->tx.nextBlkNum == 0;
+    s->tx.nextBlkNum = blk;
     int result = captureTx(svc, &s->tx, buf, &len);
-    // A block whose read failed is not charged and stays next; the burst ends and the block
-    // is tried again at the next one.
-    if (result < 0 && !metadata) break;
+    // A block whose read failed is not charged; it goes back among the lost and the burst
+    // ends, so it is tried again at the next one.
+    if (result < 0 && blk != 0) {
+      s->lost.insert(blk);
+      break;
+    }
     if (len > 0) send(svc, now, buf, static_cast<size_t>(len), s->peer);
-    s->tx.nextBlkNum++;
-    s->credit -= 1.0;
-    uint32_t vecEnd = tx_advance_nextBlkNum(&s->tx);
-    if (s->tx.nextBlkNum >= s->tx.rxVec.lastBlk || s->tx.nextBlkNum >= vecEnd) s->passExhausted = true;
+    s->stamps[blk % KESTIL_WINDOW_BLOCKS] = SendStamp{blk, ++s->sendCount, resend ? s->acksHeard + 1 : 0};
+    s->credit -= static_cast<double>(std::max(len, 1) + LINK_IP_UDP_OVERHEAD) * 8;
   }
   if (!s->passExhausted) {
-    int64_t gap = static_cast<int64_t>((1.0 - std::min(s->credit, 1.0)) * 1e6 / s->pace);
+    int64_t gap = static_cast<int64_t>(std::max(0.0, -s->credit) * 1e6 / s->paceBits);
     schedulePump(svc, s, now + std::max(gap, MIN_PUMP_GAP_US));
   }
 }
@@ -162,14 +245,32 @@ void schedulePump(TransferService *svc, TransferSession *s, int64_t dueUs) {
   s->pumpTimer = loopAddTimer(svc->loop, dueUs, [svc, s](int64_t now) { pump(svc, s, now); });
 }
 
-// After an acknowledgement: a pass that ran out may wrap back to the lowest missing block.
+// Loss detection after an acknowledgement: a block reported missing although a block sent
+// after it is reported received was lost on the way (held-back datagrams make this wrong now
+// and then, at the price of one extra copy).
+void detectLosses(TransferSession *s) {
+  uint32_t base = s->tx.rxVec.blkNumBase;
+  uint32_t end = windowEnd(s);
+  uint64_t newestArrived = 0;
+  for (uint32_t b = base; b < end; ++b) {
+    if (acked(s, b) && everSent(s, b)) newestArrived = std::max(newestArrived, s->stamps[b % KESTIL_WINDOW_BLOCKS].count);
+  }
+  for (uint32_t b = base; b < end; ++b) {
+    if (!acked(s, b) && everSent(s, b) && s->stamps[b % KESTIL_WINDOW_BLOCKS].count < newestArrived) s->lost.insert(b);
+  }
+}
+
+// After an acknowledgement: losses it reveals go out first, the window may have moved on,
+// and the wire may be filled with one more round of unacknowledged blocks.
 void resumeAfterAck(TransferService *svc, TransferSession *s, int64_t now) {
-  if (!s->passExhausted) return;
-  uint32_t vecEnd = tx_advance_nextBlkNum(&s->tx);
-  if (s->tx.nextBlkNum < s->tx.rxVec.lastBlk && s->tx.nextBlkNum < vecEnd) {
+  detectLosses(s);
+  s->acksHeard++;
+  s->fillSpent = false;
+  s->fillNext = s->tx.rxVec.blkNumBase;
+  if (s->passExhausted) {
     s->passExhausted = false;
     s->lastCreditUs = now;
-    s->credit = std::max(s->credit, 1.0);
+    s->credit = std::max(s->credit, 0.0);
     schedulePump(svc, s, now);
   }
 }
@@ -201,8 +302,8 @@ void startSending(TransferService *svc, TransferSession *s, int fd, uint16_t blo
   initBlkRxVector(&tx.rxVec, blockSize);
   setBlkRxVectorFileSize(&tx.rxVec, tx.size);
   cacheFile(&tx);
-  s->pace = effectivePace(*svc->opts, blockSize);
-  s->credit = 1.0;  // the metadata goes out at once
+  s->paceBits = effectivePaceBits(*svc->opts, blockSize);
+  s->credit = (static_cast<double>(blockSize) + 5 + LINK_IP_UDP_OVERHEAD) * 8;  // the metadata goes out at once
   s->lastCreditUs = now;
   schedulePump(svc, s, now);
 }
@@ -562,8 +663,10 @@ void onRequest(TransferService *svc, const uint8_t *d, int len, const sockaddr_i
       if (code == KESTIL_GET && req.hasAck) applyPiggyBack(s, d, len, 9 + req.nameLen);
       // The client repeats its request while it lacks the metadata: start the pass over.
       if (!blkIsInVector(&s->tx.rxVec, 0)) {
-        s->tx.nextBlkNum = 0;
-        s->tx.lastWrapAckCnt = s->tx.ackCnt;
+        s->nextNew = 0;
+        s->lost.clear();
+        std::fill(std::begin(s->stamps), std::end(s->stamps), SendStamp{});
+        s->fillSpent = false;
         s->passExhausted = false;
         schedulePump(svc, s, now);
       } else {
