@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "tests/support/test_support.hpp"
 
@@ -31,45 +33,32 @@ const char USAGE[] =
     "    dlq-rm           [-h host] [-g <group num>] <file>: Remove an entry from the download queue\n"
     "    filemgr-status   [rem host]: Display the current status of the file manager\n";
 
-void expectUsage(const kt::Result &r) {
-  EXPECT_FALSE(r.timedOut);
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, USAGE);
-  EXPECT_EQ(r.err, "");
-}
-
 TEST(Multicall, UsageListWhenNoCommandIsSelected) {
   const std::string dir = kt::makeTempDir();
-  expectUsage(kt::run(dir, "kestil", {}, RUN_MS));
-  expectUsage(kt::run(dir, "/usr/local/bin/kestil", {}, RUN_MS));
   // First-argument dispatch compares the command word only, exactly.
-  expectUsage(kt::run(dir, "kestil", {"kestil-put"}, RUN_MS));
-  expectUsage(kt::run(dir, "kestil", {"Progress"}, RUN_MS));
-  expectUsage(kt::run(dir, "kestil-Progress", {}, RUN_MS));
+  for (const auto &[argv0, args] : std::vector<std::pair<std::string, std::vector<std::string>>>{
+           {"kestil", {}}, {"/usr/local/bin/kestil", {}}, {"kestil", {"kestil-put"}}, {"kestil", {"Progress"}},
+           {"kestil-Progress", {}}}) {
+    const kt::Result r = kt::run(dir, argv0, args, RUN_MS);
+    EXPECT_EQ(r.status, 0) << argv0;
+    EXPECT_EQ(r.out, USAGE) << argv0;
+    EXPECT_EQ(r.err, "") << argv0;
+  }
 }
 
-TEST(Multicall, ProgramNameBeatsTheFirstArgument) {
+TEST(Multicall, ProgramNameBeatsTheFirstArgumentWhichShiftsTheArguments) {
   const std::string dir = kt::makeTempDir();
+  const std::string noState = "State file is .ls.kestil_state\nFile name: .ls.kestil_state\n";
   // Under the name kestil-progress, "ls" is the file whose progress is asked for.
   kt::Result r = kt::run(dir, "/some/dir/kestil-progress", {"ls"}, RUN_MS);
-  EXPECT_FALSE(r.timedOut);
   EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, "State file is .ls.kestil_state\nFile name: .ls.kestil_state\n");
+  EXPECT_EQ(r.out, noState);
   EXPECT_EQ(r.err, "state file doesn't exist: No such file or directory\n");
-}
-
-TEST(Multicall, FirstArgumentShiftsTheArguments) {
-  const std::string dir = kt::makeTempDir();
-  // The handler sees the command word as its argv[0]: no file argument follows.
-  kt::Result byWord = kt::run(dir, "kestil", {"progress"}, RUN_MS);
-  EXPECT_EQ(byWord.status, 0);
-  EXPECT_EQ(byWord.out, "Usage: progress <file>\n");
-  kt::Result byName = kt::run(dir, "kestil-progress", {}, RUN_MS);
-  EXPECT_EQ(byName.status, 0);
-  EXPECT_EQ(byName.out, byWord.out);
-  kt::Result withFile = kt::run(dir, "anything", {"progress", "ls"}, RUN_MS);
-  EXPECT_EQ(withFile.status, 1);
-  EXPECT_EQ(withFile.out, "State file is .ls.kestil_state\nFile name: .ls.kestil_state\n");
+  // By first argument the handler sees the command word as its argv[0].
+  EXPECT_EQ(kt::run(dir, "anything", {"progress", "ls"}, RUN_MS).out, noState);
+  r = kt::run(dir, "kestil", {"progress"}, RUN_MS);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "Usage: progress <file>\n");
 }
 
 }  // namespace

@@ -14,8 +14,7 @@ TEST(GetState, KilledDownloadIsCompletedByTheNextGet) {
   first.send(kt::metadataDatagram(content.size(), kt::md5Raw(content)));
   for (uint32_t b = 1; b <= 20; ++b) first.send(kt::blockDatagram(content, b));
   // Killed right after its periodic acknowledgement, with blocks 0 to 20 stored.
-  std::vector<uint8_t> ack;
-  for (int i = 0; i < 10 && (ack.empty() || ack[0] != 9); ++i) ack = first.recv();
+  std::vector<uint8_t> ack = first.recvCode(9);
   ASSERT_FALSE(ack.empty());
   kill(first.child.pid, SIGKILL);
   EXPECT_EQ(first.finish().signal, SIGKILL);

@@ -171,8 +171,7 @@ TEST(GetDownload, InterruptEndsIncompleteWithZeroPaddedFileKept) {
   run.send(META);
   for (uint32_t b = 1; b <= 10; ++b) run.send(kt::blockDatagram(CONTENT, b));
   // Interrupted once its periodic acknowledgement shows the metadata taken.
-  std::vector<uint8_t> ack;
-  for (int i = 0; i < 10 && (ack.empty() || ack[0] != 9); ++i) ack = run.recv();
+  std::vector<uint8_t> ack = run.recvCode(9);
   ASSERT_TRUE(kt::ackHas(ack.data(), ack.size(), 10));
   kill(run.child.pid, SIGINT);
   kt::ServeOptions silent;

@@ -34,10 +34,9 @@ TEST_F(Lsread, PrintsSavedListingsEvenDamagedOnes) {
   expect("kestil", {"lsread", "l"}, 0, table);
   kt::writeFile(dir + "/empty", kt::zlibOf(""));
   expect("kestil-lsread", {"empty"}, 0, "");
-  kt::writeFile(dir + "/damaged", kt::zlibOf(kt::rawRecord("good", 2, 0, 0, 0) + std::string("\x00\x0b\0\0\0\0\0\0\0xx", 11)));
+  // A damaged listing: what came before the damage, and status 0.
+  kt::writeFile(dir + "/damaged", kt::zlibOf(kt::rawRecord("good", 2, 0, 0, 0) + "\x01"));
   expect("kestil-lsread", {"damaged"}, 0, HEADER + "0        0        0        2        good\n");
-  kt::writeFile(dir + "/text", "not a listing");
-  expect("kestil-lsread", {"text"}, 0, "");
 }
 
 TEST_F(Lsread, MissingFileExits255AndNoArgumentShowsUsage) {
