@@ -2,7 +2,7 @@
 // the client's -t ends early and resume completes it; errors come back as error reports.
 #include <gtest/gtest.h>
 
-#include "tests/e2e/sim_harness.hpp"
+#include "tests/support/sim_process.hpp"
 
 namespace {
 

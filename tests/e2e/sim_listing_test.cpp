@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <sstream>
 
-#include "tests/e2e/sim_harness.hpp"
+#include "tests/support/sim_process.hpp"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // with duplication, hold-back and delay, all seeded. Every file is checked with MD5.
 #include <gtest/gtest.h>
 
-#include "tests/e2e/sim_harness.hpp"
+#include "tests/support/sim_process.hpp"
 #include "tests/support/test_support.hpp"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "tests/e2e/sim_harness.hpp"
+#include "tests/support/sim_process.hpp"
 
 namespace {
 

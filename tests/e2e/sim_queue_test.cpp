@@ -4,7 +4,7 @@
 
 #include <sstream>
 
-#include "tests/e2e/sim_harness.hpp"
+#include "tests/support/sim_process.hpp"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // the emulated link, and hears every answer from the address it sent to.
 #include <gtest/gtest.h>
 
-#include "tests/e2e/sim_harness.hpp"
+#include "tests/support/sim_process.hpp"
 #include "tests/support/test_support.hpp"
 
 namespace {

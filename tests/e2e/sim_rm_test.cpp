@@ -2,7 +2,7 @@
 // marker is gone, the names before it have been handled.
 #include <gtest/gtest.h>
 
-#include "tests/e2e/sim_harness.hpp"
+#include "tests/support/sim_process.hpp"
 
 namespace {
 

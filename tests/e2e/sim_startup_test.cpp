@@ -3,7 +3,7 @@
 #include <signal.h>
 #include <sys/wait.h>
 
-#include "tests/e2e/sim_harness.hpp"
+#include "tests/support/sim_process.hpp"
 
 namespace {
 

@@ -8,7 +8,6 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,11 +22,7 @@
 
 namespace simt {
 
-inline long long nowMs() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
+using kt::nowMs;
 
 // Waits, bounded, until `pred` holds.
 template <typename Pred>
