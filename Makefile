@@ -1,5 +1,7 @@
 # The whole set-up on a fresh Debian machine: `make check` and `make demo`.
 DEBIAN_PACKAGES := cmake g++ make pkg-config zlib1g-dev libmd-dev libgtest-dev libgmock-dev python3
+# The package and its tests: building the .deb, reading the manual pages, completion, the dissector.
+DEBIAN_PACKAGES += dpkg-dev groff-base man-db bash-completion tshark
 JOBS ?= 2
 
 .PHONY: all build check deps demo clean
@@ -37,3 +39,11 @@ bench-put: deps
 # A rehearsal pass against kestil-sim on loopback, in under a minute; see README, "Demo".
 demo: build
 	bash sim/demo.sh build/bin
+
+# The Debian package of kestil and kestil-sim, built in build-deb/ for the prefix /usr;
+# install it with `dpkg -i build-deb/kestil_*.deb`. See README, "Install".
+.PHONY: deb
+deb: deps
+	cmake -S . -B build-deb -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=OFF
+	cmake --build build-deb -j$(JOBS)
+	cd build-deb && cpack -G DEB

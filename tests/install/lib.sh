@@ -1,0 +1,52 @@
+# Shared by the install tests: strict mode, a scratch directory removed at exit, and
+# kestil-sim started on the test's own loopback address, bounded in time.
+set -euo pipefail
+BUILD_DIR=$1
+SOURCE_DIR=$2
+WORK=$(mktemp -d)
+SIM_PID=""
+
+fail() {
+  echo "FAIL: $*" >&2
+  exit 1
+}
+
+finish() {
+  if [[ -n $SIM_PID ]]; then kill -TERM "$SIM_PID" 2>/dev/null || true; fi
+  rm -rf "$WORK"
+}
+trap finish EXIT
+[[ -z ${KEEP_WORK:-} ]] || trap - EXIT
+
+# start_sim SIM_BIN ARGS...: runs kestil-sim (its trace in $WORK/sim-trace.txt) and returns
+# once it has printed its listening line; never runs for more than 100 s.
+start_sim() {
+  local bin=$1
+  shift
+  mkfifo "$WORK/sim-err"
+  timeout 100 "$bin" "$@" >"$WORK/sim-trace.txt" 2>"$WORK/sim-err" &
+  SIM_PID=$!
+  exec {SIM_ERR}<"$WORK/sim-err"
+  local line=""
+  read -r -t 10 -u "$SIM_ERR" line || fail "kestil-sim did not start"
+  [[ $line == "kestil-sim: serving"* ]] || fail "kestil-sim: $line"
+}
+
+# stop_sim: SIGTERM, then the exit status must be 0.
+stop_sim() {
+  kill -TERM "$SIM_PID"
+  local status=0
+  wait "$SIM_PID" || status=$?
+  SIM_PID=""
+  ((status == 0)) || fail "kestil-sim exited with $status"
+}
+
+# expect_eq WHAT EXPECTED ACTUAL
+expect_eq() {
+  [[ $2 == "$3" ]] || fail "$1: expected [$2], got [$3]"
+}
+
+md5_of() { md5sum "$1" | cut -d' ' -f1; }
+
+# Deterministic file content of $2 bytes.
+make_file() { head -c "$2" < <(yes "kestil block content $3" | tr -d '\n') >"$1"; }

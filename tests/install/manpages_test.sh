@@ -1,0 +1,30 @@
+# Both manual pages render without a single groff warning, and they keep up with the
+# programs: every command of the usage list has its section in kestil(1) naming each of
+# its options, and every option of kestil-sim's usage is in kestil-sim(1).
+source "$(dirname "$0")/lib.sh"
+for page in kestil.1 kestil-sim.1; do
+  warnings=$(groff -ww -z -man "$SOURCE_DIR/doc/$page" 2>&1) || fail "groff failed on $page"
+  expect_eq "groff warnings for $page" "" "$warnings"
+done
+
+page=$SOURCE_DIR/doc/kestil.1
+words=(get resume put ls rm report lsread progress qadd qrm status)
+# A command's section runs from its heading, "get (kestil\-get)", to the next heading.
+section() { HEAD=$1 awk '$0 == ENVIRON["HEAD"] {on = 1; next} /^\.S[SH]/ {on = 0} on' "$page"; }
+commands=0
+while read -r name help; do
+  word=${words[commands]}
+  commands=$((commands + 1))
+  text=$(section ".SS \"$word (${name//-/\\-})\"")
+  [[ -n $text ]] || fail "kestil(1) has no section headed $word ($name)"
+  for opt in $(grep -o '\[-[A-Za-z]' <<<"$help" | cut -c3); do
+    [[ $text == *"\\-$opt"* ]] || fail "kestil(1) does not describe $word -$opt"
+  done
+done < <("$BUILD_DIR/bin/kestil" | tail -n +2)
+expect_eq "commands in the usage list" 11 "$commands"
+
+sim_page=$(cat "$SOURCE_DIR/doc/kestil-sim.1")
+for opt in $("$BUILD_DIR/bin/kestil-sim" --help | grep -o -- '--[a-z-]*' | sort -u); do
+  [[ $sim_page == *"${opt//-/\\-}"* ]] || fail "kestil-sim(1) does not describe $opt"
+done
+echo "manpages: pass"
