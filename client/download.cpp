@@ -24,6 +24,26 @@ constexpr int CLOSING_ACKS = 7;
 const char GET_USAGE[] = "get [-h host] [-o <local file>] [-z] [-c] [-L] <remote file>";
 const char RESUME_USAGE[] = "resume [-z] [-l <size limit>] [-L] <partial file>";
 
+// The options get and resume share.
+struct DownloadOptions {
+  int zeroPad = 0;
+  uint32_t lenLimit = 0;
+  long timeoutSec = 1000;
+  uint8_t flags = 0;
+};
+
+// Takes one of the shared options; false for any other.
+bool takeDownloadOption(int c, DownloadOptions *o) {
+  switch (c) {
+    case 'z': o->zeroPad = 1; return true;
+    case 'l': o->lenLimit = static_cast<uint32_t>(std::atol(optarg)); return true;
+    case 't': o->timeoutSec = std::atol(optarg); return true;
+    case 'c': o->flags |= KESTIL_FLAG_C; return true;
+    case 'L': o->flags |= KESTIL_FLAG_LONG_NAME; return true;
+    default: return false;
+  }
+}
+
 // The state file's name for a local file; a name too long for its buffer ends the process
 // before anything is opened.
 void stateNameOrExit(const char *localName, char (&stateName)[STATE_NAME_MAX]) {
@@ -106,24 +126,17 @@ void fileGet(int fd, const struct sockaddr_in *target, int, const char *local_fi
 int get_cmd(int argc, char **argv) {
   const char *host = "127.0.0.1";
   const char *localName = nullptr;
-  int zeroPad = 0;
-  uint32_t lenLimit = 0;
-  long timeoutSec = 1000;
-  uint8_t flags = 0;
+  DownloadOptions o;
 
   optind = 0;
   int c;
   while ((c = getopt(argc, argv, "h:o:zl:t:cL")) != -1) {
-    switch (c) {
-      case 'h': host = optarg; break;
-      case 'o': localName = optarg; break;
-      case 'z': zeroPad = 1; break;
-      case 'l': lenLimit = static_cast<uint32_t>(std::atol(optarg)); break;
-      case 't': timeoutSec = std::atol(optarg); break;
-      case 'c': flags |= KESTIL_FLAG_C; break;
-      case 'L': flags |= KESTIL_FLAG_LONG_NAME; break;
-      default: return printSynopsis(GET_USAGE);
-    }
+    if (c == 'h')
+      host = optarg;
+    else if (c == 'o')
+      localName = optarg;
+    else if (!takeDownloadOption(c, &o))
+      return printSynopsis(GET_USAGE);
   }
   if (optind >= argc) return printSynopsis(GET_USAGE);
   const char *remoteName = argv[optind];
@@ -131,28 +144,18 @@ int get_cmd(int argc, char **argv) {
 
   sockaddr_in target;
   openTransferSocket(host, KESTIL_PORT, &target);
-  fileGet(fd, &target, sizeof target, localName, remoteName, zeroPad, lenLimit, clampSeconds(timeoutSec), flags,
-          host);
+  fileGet(fd, &target, sizeof target, localName, remoteName, o.zeroPad, o.lenLimit, clampSeconds(o.timeoutSec),
+          o.flags, host);
   return 0;
 }
 
 int resume_cmd(int argc, char **argv) {
-  int zeroPad = 0;
-  uint32_t lenLimit = 0;
-  long timeoutSec = 1000;
-  uint8_t flags = 0;
+  DownloadOptions o;
 
   optind = 0;
   int c;
-  while ((c = getopt(argc, argv, "Lzl:t:")) != -1) {
-    switch (c) {
-      case 'L': flags |= KESTIL_FLAG_LONG_NAME; break;
-      case 'z': zeroPad = 1; break;
-      case 'l': lenLimit = static_cast<uint32_t>(std::atol(optarg)); break;
-      case 't': timeoutSec = std::atol(optarg); break;
-      default: return printSynopsis(RESUME_USAGE);
-    }
-  }
+  while ((c = getopt(argc, argv, "Lzl:t:")) != -1)
+    if (!takeDownloadOption(c, &o)) return printSynopsis(RESUME_USAGE);
   if (optind >= argc) return printSynopsis(RESUME_USAGE);
   const char *partial = argv[optind];
   char stateName[STATE_NAME_MAX];
@@ -175,7 +178,7 @@ int resume_cmd(int argc, char **argv) {
   sockaddr_in target;
   openTransferSocket(nullptr, KESTIL_PORT, &target);
   std::memcpy(&target.sin_addr.s_addr, tmpVec.src.addr, 4);
-  fileGet(fd, &target, sizeof target, partial, tmpVec.filename, zeroPad, lenLimit, clampSeconds(timeoutSec), flags,
-          nullptr);
+  fileGet(fd, &target, sizeof target, partial, tmpVec.filename, o.zeroPad, o.lenLimit, clampSeconds(o.timeoutSec),
+          o.flags, nullptr);
   return 0;
 }
