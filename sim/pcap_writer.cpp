@@ -66,7 +66,7 @@ size_t pcapFormatHeader(uint8_t *buf, size_t size) {
   storeBe32(buf, BLOCK_SECTION_HEADER);
   storeBe32(buf + 4, SHB_LEN);
   storeBe32(buf + 8, BYTE_ORDER_MAGIC);
-  storeBe16(buf + 12, 1);  // version 1.0
+  storeBe16(buf + 12, 1);           // version 1.0
   storeBe32(buf + 16, 0xFFFFFFFF);  // section length not given
   storeBe32(buf + 20, 0xFFFFFFFF);
   storeBe32(buf + 24, SHB_LEN);
@@ -82,7 +82,7 @@ size_t pcapFormatHeader(uint8_t *buf, size_t size) {
 size_t pcapFormatPacket(uint8_t *buf, size_t size, uint64_t wallUs, const sockaddr_in &src, const sockaddr_in &dst,
                         uint16_t ipId, const uint8_t *dgram, int len, const char *comment) {
   if (len < 0) return 0;
-  size_t packetLen = static_cast<size_t>(IP_HEADER_LEN + UDP_HEADER_LEN + len);
+  size_t packetLen = IP_HEADER_LEN + UDP_HEADER_LEN + static_cast<size_t>(len);
   size_t commentLen = comment != nullptr ? std::strlen(comment) : 0;
   size_t optionsLen = commentLen > 0 ? 4 + pad4(commentLen) + 4 : 0;
   size_t total = 28 + pad4(packetLen) + optionsLen + 4;
@@ -102,7 +102,8 @@ size_t pcapFormatPacket(uint8_t *buf, size_t size, uint64_t wallUs, const sockad
   if (commentLen > 0) {
     storeBe16(opt, OPT_COMMENT);
     storeBe16(opt + 2, static_cast<uint16_t>(commentLen));
-    std::memcpy(opt + 4, comment, commentLen);
+    // The option's length says where the text ends; the zero padding is not part of it.
+    std::memcpy(opt + 4, comment, commentLen);  // NOLINT(bugprone-not-null-terminated-result)
     opt += 4 + pad4(commentLen);
     storeBe16(opt, OPT_END);
   }

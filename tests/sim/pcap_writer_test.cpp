@@ -23,11 +23,14 @@ sockaddr_in endpoint(const char *ip, uint16_t port) {
   return a;
 }
 
+// Golden bytes keep their layout.
+// clang-format off
 // IPv4 (checksum 0x31C3) and UDP headers of a 3-byte datagram, 127.0.11.3:3223 to
 // 127.0.0.1:40000, identification 7, and the datagram itself.
 const std::vector<uint8_t> PACKET = {
     0x45, 0x00, 0x00, 0x1F, 0x00, 0x07, 0x40, 0x00, 0x40, 0x11, 0x31, 0xC3, 0x7F, 0x00, 0x0B, 0x03,
     0x7F, 0x00, 0x00, 0x01, 0x0C, 0x97, 0x9C, 0x40, 0x00, 0x0B, 0x00, 0x00, 0x05, 0x11, 0xAA};
+// clang-format on
 const uint8_t DATAGRAM[] = {0x05, 0x11, 0xAA};
 constexpr uint64_t WALL_US = 0x0000000112345678;
 
@@ -43,11 +46,13 @@ TEST(PcapWriter, HeaderIsSectionAndOneRawIpInterface) {
   uint8_t buf[64];
   std::fill(std::begin(buf), std::end(buf), SENTINEL);
   ASSERT_EQ(pcapFormatHeader(buf, sizeof buf), 48u);
+  // clang-format off
   const std::vector<uint8_t> expected = {
       0x0A, 0x0D, 0x0D, 0x0A, 0x00, 0x00, 0x00, 0x1C, 0x1A, 0x2B, 0x3C, 0x4D, 0x00, 0x01, 0x00, 0x00,
       0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0x1C,  // section header
       0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x14, 0x00, 0x65, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
       0x00, 0x00, 0x00, 0x14};  // interface: link type 101, no snap length
+  // clang-format on
   EXPECT_EQ(std::vector<uint8_t>(buf, buf + 48), expected);
   EXPECT_EQ(buf[48], SENTINEL);
   EXPECT_EQ(pcapFormatHeader(buf, 47), 0u);
@@ -58,6 +63,7 @@ TEST(PcapWriter, PacketBlockCarriesPaddedPacketAndComment) {
   std::fill(std::begin(buf), std::end(buf), SENTINEL);
   size_t n = pcapFormatPacket(buf, sizeof buf, WALL_US, endpoint("127.0.11.3", 3223), endpoint("127.0.0.1", 40000), 7,
                               DATAGRAM, 3, "link: dup");
+  // clang-format off
   const std::vector<uint8_t> expected = concat({
       {0x00, 0x00, 0x00, 0x06, 0x00, 0x00, 0x00, 0x54, 0x00, 0x00, 0x00, 0x00,  // type 6, 84 bytes, interface 0
        0x00, 0x00, 0x00, 0x01, 0x12, 0x34, 0x56, 0x78,                          // microseconds, high then low
@@ -67,6 +73,7 @@ TEST(PcapWriter, PacketBlockCarriesPaddedPacketAndComment) {
       {0x00, 0x01, 0x00, 0x09, 'l', 'i', 'n', 'k', ':', ' ', 'd', 'u', 'p', 0x00, 0x00, 0x00},  // comment
       {0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x54},                         // end of options, length
   });
+  // clang-format on
   ASSERT_EQ(n, expected.size());
   EXPECT_EQ(std::vector<uint8_t>(buf, buf + n), expected);
   EXPECT_EQ(buf[n], SENTINEL);
