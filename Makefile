@@ -47,3 +47,39 @@ deb: deps
 	cmake -S . -B build-deb -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=OFF
 	cmake --build build-deb -j$(JOBS)
 	cd build-deb && cpack -G DEB
+
+# libFuzzer runs of every fuzz target of tests/fuzz with ASan and UBSan, FUZZ_SECONDS each
+# (default 600), one after the other and niced; clang and Debian's libFuzzer are installed
+# when missing. New inputs collect in build-fuzz/corpus/<target>, faults in
+# build-fuzz/findings/<target>; an input worth keeping goes to tests/fuzz/corpus/<target>,
+# which `make check` replays.
+FUZZ_SECONDS ?= 600
+FUZZ_TARGETS := rx_datagram listing_reader queue_data state_record sim_request
+FUZZ_FLAGS := -O1 -g -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer
+.PHONY: fuzz
+fuzz: deps
+	@missing=""; for p in clang libfuzzer-14-dev; do \
+	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "ok installed" || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	  echo "installing:$$missing"; \
+	  apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing; \
+	fi
+	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DKESTIL_FUZZ=ON -DCMAKE_BUILD_TYPE=Debug \
+	  -DCMAKE_CXX_FLAGS="$(FUZZ_FLAGS)"
+	cmake --build build-fuzz -j$(JOBS) --target $(addprefix fuzz_,$(FUZZ_TARGETS))
+	@for t in $(FUZZ_TARGETS); do \
+	  mkdir -p build-fuzz/corpus/$$t build-fuzz/findings/$$t; \
+	  echo "fuzzing $$t for $(FUZZ_SECONDS) s"; \
+	  nice -n 19 build-fuzz/bin/fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -close_fd_mask=1 -timeout=20 \
+	    -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix=$(CURDIR)/build-fuzz/findings/$$t/ \
+	    $(CURDIR)/build-fuzz/corpus/$$t $(CURDIR)/tests/fuzz/corpus/$$t 2>build-fuzz/$$t.log || \
+	    { tail -40 build-fuzz/$$t.log; exit 1; }; \
+	  grep -E '^stat::number_of_executed_units|^Done' build-fuzz/$$t.log; \
+	done
+
+# The long crash soak: at least 100 SIGKILLs of downloads of a 3 MiB file through a lossy
+# kestil-sim link (about 15 minutes); `make check` runs a short one.
+.PHONY: soak
+soak: build
+	python3 tests/soak/crash_soak.py --bin-dir build/bin --kills 100
