@@ -110,6 +110,12 @@ class Sender : public testing::Test {
     encodeVecAck(d.data(), d.size(), {KESTIL_VECACK, base, vector.data(), vector.size()});
     return rx_func(&tx_, d.data(), static_cast<int>(d.size()));
   }
+  // The scheduler's choice after block `from`.
+  uint32_t next(uint32_t from) {
+    tx_.nextBlkNum = from;
+    tx_advance_nextBlkNum(&tx_);
+    return tx_.nextBlkNum;
+  }
   KESTIL_TXState tx_{};
 };
 
@@ -158,31 +164,19 @@ TEST_F(Sender, SchedulerWrapsOnceForEachAcknowledgement) {
   sized(300);
   EXPECT_EQ(tx_advance_nextBlkNum(&tx_), 1024u);
   EXPECT_EQ(tx_.nextBlkNum, 0u);  // the first pass starts at the metadata
-  tx_.nextBlkNum = 4;
-  tx_advance_nextBlkNum(&tx_);
-  EXPECT_EQ(tx_.nextBlkNum, 4u);  // no acknowledgement yet: nothing to send
+  EXPECT_EQ(next(4), 4u);         // no acknowledgement yet: nothing to send
   ack(0, {0xA0});                 // blocks 0 and 2
-  tx_advance_nextBlkNum(&tx_);
-  EXPECT_EQ(tx_.nextBlkNum, 1u);  // the lowest block still missing
-  tx_.nextBlkNum = 2;
-  tx_advance_nextBlkNum(&tx_);
-  EXPECT_EQ(tx_.nextBlkNum, 3u);
-  tx_.nextBlkNum = 4;
-  tx_advance_nextBlkNum(&tx_);
-  EXPECT_EQ(tx_.nextBlkNum, 4u);  // one wrap per acknowledgement
+  EXPECT_EQ(next(4), 1u);         // the lowest block still missing
+  EXPECT_EQ(next(2), 3u);
+  EXPECT_EQ(next(4), 4u);  // one wrap per acknowledgement
   ack(0, {0xE0});
-  tx_advance_nextBlkNum(&tx_);
-  EXPECT_EQ(tx_.nextBlkNum, 3u);
+  EXPECT_EQ(next(4), 3u);
 }
 
 TEST_F(Sender, SchedulerStaysWithinTheWindow) {
   ack(0, {0xFF, 0xFF});  // base 16
-  tx_.nextBlkNum = 1040;
-  EXPECT_EQ(tx_advance_nextBlkNum(&tx_), 1040u);
-  EXPECT_EQ(tx_.nextBlkNum, 16u);
-  tx_.nextBlkNum = 1040;
-  tx_advance_nextBlkNum(&tx_);
-  EXPECT_EQ(tx_.nextBlkNum, 1040u);  // at the window's end until the next acknowledgement
+  EXPECT_EQ(next(1040), 16u);
+  EXPECT_EQ(next(1040), 1040u);  // at the window's end until the next acknowledgement
   tx_.rxVec.blkNumBase = 0x80000000u;  // window ends above 2^31 stay exact
   tx_.rxVec.lastBlk = 0x80001000u;
   tx_.nextBlkNum = 0x80000000u;

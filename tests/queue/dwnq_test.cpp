@@ -82,19 +82,6 @@ TEST_F(Queue, KeepsPriorityOrderAndMovesEntriesToTheBackOfTheirPriority) {
   EXPECT_EQ(groups[6].head->priority, 3);
 }
 
-TEST_F(Queue, RemovalRelinksHeadAndTail) {
-  dwnq_init("q.dat");
-  add({"A", "B", "C"}, 9, 0, 2);
-  dwnq_remove("absent", 9);
-  dwnq_remove("C", 9);
-  EXPECT_STREQ(groups[9].tail->name, "B");
-  dwnq_remove("A", 9);
-  dwnq_remove("B", 9);
-  EXPECT_EQ(groups[9].head, nullptr);
-  EXPECT_EQ(groups[9].tail, nullptr);
-  EXPECT_EQ(groups[9].fileCnt + groups[9].totalSize, 0u);
-}
-
 TEST_F(Queue, RefusedFilesLeaveQueueAndDataFileAlone) {
   dwnq_init("q.dat");
   ASSERT_TRUE(kt::writeFile("huge", "") && truncate("huge", off_t{1} << 32) == 0);  // size past 32 bits
@@ -121,14 +108,22 @@ TEST_F(Queue, CapDropsTheLastEntryOfAFullGroup) {
   EXPECT_EQ(recs.front() + " " + recs.back(), "urgent/7/1/0 f1022/7/5/0");
 }
 
-TEST_F(Queue, IterationNeedsALoadedQueueAndStopsWhenAsked) {
-  add({"A"}, 2, 0);  // queued before loading: nothing to walk yet
-  EXPECT_TRUE(order(2).empty());
+TEST_F(Queue, RemovalRelinksHeadAndTailAndIterationNeedsALoadedQueue) {
+  add({"A"}, 9, 0, 2);  // queued before loading: nothing to walk yet
+  EXPECT_TRUE(order(9).empty());
   dwnq_init("q.dat");
-  add({"A", "B"}, 2, 0);
+  add({"A", "B", "C"}, 9, 0, 2);
   int calls = 0;
-  iterate_listing_group(2, [](const char *, uint8_t, uint8_t, void *n) { return ++*static_cast<int *>(n); }, &calls);
-  EXPECT_EQ(calls, 1);
+  iterate_listing_group(9, [](const char *, uint8_t, uint8_t, void *n) { return ++*static_cast<int *>(n); }, &calls);
+  EXPECT_EQ(calls, 1);  // a non-zero answer stops the walk
+  dwnq_remove("absent", 9);
+  dwnq_remove("C", 9);
+  EXPECT_STREQ(groups[9].tail->name, "B");
+  dwnq_remove("A", 9);
+  dwnq_remove("B", 9);
+  EXPECT_EQ(groups[9].head, nullptr);
+  EXPECT_EQ(groups[9].tail, nullptr);
+  EXPECT_EQ(groups[9].fileCnt + groups[9].totalSize, 0u);
 }
 
 TEST_F(Queue, DataFileRecordsAppendRewriteAndReload) {
