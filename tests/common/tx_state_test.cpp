@@ -1,99 +1,18 @@
-// The transmit side: the datagrams tx_func sends, how rx_func folds acknowledgements into
-// the sender's vector, and when the scheduler wraps back to the window's base.
+// The transmit side: how rx_func folds acknowledgements into the sender's vector, and when the
+// scheduler wraps back to the window's base. (The datagrams tx_func sends are compared byte for
+// byte by the put command's tests, and through the file cache by the simulator's downloads.)
 #include "common/tx_state.hpp"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstring>
-#include <string>
 #include <vector>
 
 #include "common/common.hpp"
-#include "station/station.hpp"
-#include "tests/support/test_support.hpp"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-Bytes operator+(Bytes head, const std::string &tail) {
-  head.insert(head.end(), tail.begin(), tail.end());
-  return head;
-}
-
-// One local file being sent to a scripted peer, the record filled as the upload session does.
-class TxFunc : public testing::Test {
- protected:
-  void SetUp() override { ASSERT_TRUE(peer_.bind("127.0.3.10", 0)); }
-  void TearDown() override {
-    closeFile();
-    close(sock_);
-  }
-  void closeFile() {
-    releaseFileCache(&tx_);
-    if (tx_.fd > 0) close(tx_.fd);
-  }
-  void openFile(const std::string &content, off_t sparseSize = 0) {
-    closeFile();
-    std::string path = dir_ + "/src";
-    ASSERT_TRUE(kt::writeFile(path, content));
-    ASSERT_EQ(sparseSize > 0 ? truncate(path.c_str(), sparseSize) : 0, 0);
-    std::memset(&tx_, 0, sizeof tx_);
-    tx_.fd = open(path.c_str(), O_RDONLY);
-    tx_.blkSize = KESTIL_BLOCK_SIZE;
-    tx_.reqId = htonl(KESTIL_REQ_ID);
-    fstat(tx_.fd, &tx_.stat);
-    tx_.size = static_cast<uint32_t>(tx_.stat.st_size);
-    initBlkRxVector(&tx_.rxVec, tx_.blkSize);
-    setBlkRxVectorFileSize(&tx_.rxVec, tx_.size);
-  }
-  // tx_func's answer for block n; what the peer received goes to got_.
-  int send(uint32_t n) {
-    tx_.nextBlkNum = n;
-    int r = tx_func(&tx_, sock_, &peer_.address());
-    got_ = r >= 0 ? peer_.recv(nullptr, 2000) : Bytes{};
-    return r;
-  }
-
-  std::string dir_ = kt::makeTempDir();
-  kt::UdpPeer peer_;
-  int sock_ = socket_init(0);
-  KESTIL_TXState tx_{};
-  Bytes got_;
-};
-
-TEST_F(TxFunc, FileAndCacheGiveTheSameDatagrams) {
-  const std::string content = kt::patternBytes(300, 7);  // blocks 1 to 3, the last of 18 bytes
-  openFile(content);
-  ASSERT_EQ(lseek(tx_.fd, 123, SEEK_SET), 123);
-  ASSERT_EQ(send(0), 33);
-  const uint32_t t = static_cast<uint32_t>(tx_.stat.st_mtime);
-  Bytes meta{4, 0, 0, 0, 1, 0, 0, 0x01, 0x2C, uint8_t(t >> 24), uint8_t(t >> 16), uint8_t(t >> 8), uint8_t(t), 0, 0, 0, 0};
-  const std::string md5 = kt::md5Raw(content);
-  meta.insert(meta.end(), md5.begin(), md5.end());
-  EXPECT_EQ(got_, meta);
-  EXPECT_EQ(lseek(tx_.fd, 0, SEEK_CUR), 123);  // the digest left the position alone
-  EXPECT_EQ(cacheFile(&tx_), 0);  // reads from the current position: 177 bytes, short
-  for (int cached = 0; cached < 2; ++cached) {
-    EXPECT_EQ(send(2), 143);
-    EXPECT_EQ(got_, (Bytes{5, 2}) + content.substr(141, 141));
-    EXPECT_EQ(send(3), 20);
-    EXPECT_EQ(got_, (Bytes{5, 3}) + content.substr(282));
-    EXPECT_EQ(send(4), 2);  // past the end: the header alone
-    if (cached == 0) {
-      lseek(tx_.fd, 0, SEEK_SET);
-      ASSERT_EQ(cacheFile(&tx_), 1);
-    }
-  }
-  ASSERT_EQ(send(0), 33);
-  EXPECT_EQ(got_, meta);
-  openFile("", 262144);  // too big to cache: the sender reads the file
-  EXPECT_EQ(cacheFile(&tx_), 0);
-  EXPECT_EQ(tx_.fileContents, nullptr);
-}
 
 // rx_func and the scheduler work on the record alone.
 class Sender : public testing::Test {

@@ -26,57 +26,38 @@ TEST(SocketResolveHost, DottedLocalhostAndMalformedNames) {
     EXPECT_EQ(socket_resolve_host(bad, &a), 0) << bad;
 }
 
-// A scripted "filemgr" service on ip:3224 that answers the first request with `script`.
-struct Responder {
-  kt::UdpPeer service, other;  // `other`: the same host, another port
-  std::string request;
-  std::thread worker;
-  template <typename Script>
-  Responder(const char *ip, Script script) {
-    EXPECT_TRUE(service.bind(ip, STATION_FILEMGR_PORT));
-    EXPECT_TRUE(other.bind(ip, 0));
-    worker = std::thread([this, script] {
-      sockaddr_in client{};
-      std::vector<uint8_t> got = service.recv(&client, 5000);
-      request.assign(got.begin(), got.end());
-      if (!got.empty()) script(*this, client);
-    });
-  }
-  ~Responder() {
-    if (worker.joinable()) worker.join();
-  }
-};
-
-std::string exchange(const char *ip, int timeoutMs, int *n) {
+// Asks a scripted "filemgr" service on ip:3224 that handles the request with `script`
+// (given the service, a second socket of the same host and the client's address).
+template <typename Script>
+std::string exchange(const char *ip, int timeoutMs, int *n, Script script) {
+  kt::UdpPeer service, other;
+  EXPECT_TRUE(service.bind(ip, STATION_FILEMGR_PORT));
+  EXPECT_TRUE(other.bind(ip, 0));
+  std::thread worker([&] {
+    sockaddr_in client{};
+    std::vector<uint8_t> got = service.recv(&client, 5000);
+    EXPECT_EQ(std::string(got.begin(), got.end()), "req");
+    if (!got.empty()) script(service, other, client);
+  });
   char resp[64];
   *n = socket_send_packet_and_read_response(ip, "filemgr", "req", 3, resp, sizeof resp, timeoutMs);
+  worker.join();
   return *n > 0 ? std::string(resp, static_cast<size_t>(*n)) : std::string();
 }
 
-TEST(SendPacketAndReadResponse, AnswerFromTheServicePortOnly) {
+TEST(SendPacketAndReadResponse, AnswerFromTheServicePortOnlyAndNothingElse) {
   int n = 0;
-  Responder r("127.0.3.32", [](Responder &self, const sockaddr_in &c) {
-    self.other.send("impostor", 8, c);  // ignored: waiting continues
-    self.service.send("answer", 6, c);
-  });
-  EXPECT_EQ(exchange("127.0.3.32", 5000, &n), "answer");
+  EXPECT_EQ(exchange("127.0.3.32", 5000, &n,
+                     [](kt::UdpPeer &service, kt::UdpPeer &other, const sockaddr_in &c) {
+                       other.send("impostor", 8, c);  // ignored: waiting continues
+                       service.send("answer", 6, c);
+                     }),
+            "answer");
   EXPECT_EQ(n, 6);
-  r.worker.join();
-  EXPECT_EQ(r.request, "req");
-}
-
-TEST(SendPacketAndReadResponse, SilenceEmptyAnswerAndUnknownServiceFail) {
-  int n = 0;
-  {
-    Responder r("127.0.3.33", [](Responder &, const sockaddr_in &) {});
-    exchange("127.0.3.33", 200, &n);
-    EXPECT_EQ(n, -1);
-  }
-  {
-    Responder r("127.0.3.34", [](Responder &self, const sockaddr_in &c) { self.service.send("", 0, c); });
-    exchange("127.0.3.34", 5000, &n);
-    EXPECT_EQ(n, -1);
-  }
+  exchange("127.0.3.33", 200, &n, [](kt::UdpPeer &, kt::UdpPeer &, const sockaddr_in &) {});
+  EXPECT_EQ(n, -1);  // silence
+  exchange("127.0.3.34", 5000, &n, [](kt::UdpPeer &s, kt::UdpPeer &, const sockaddr_in &c) { s.send("", 0, c); });
+  EXPECT_EQ(n, -1);  // an empty answer
   char resp[8];
   EXPECT_EQ(socket_send_packet_and_read_response("127.0.3.35", "nosuch", "q", 1, resp, 8, 100), -1);
 }
