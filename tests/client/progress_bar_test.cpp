@@ -1,31 +1,20 @@
 // The progress bar: cells from the block count, the spinner that turns on every redraw.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <string>
 
 #include "client/download.hpp"
-#include "tests/support/test_support.hpp"
 
 namespace {
 
-// What update_progress prints, with standard output sent to a file.
+// What update_progress prints.
 std::string draw(uint32_t unique, uint32_t lastBlk) {
   BlkRxVector v{};
   v.uniqueBlkCnt = unique;
   v.lastBlk = lastBlk;
-  std::string path = kt::makeTempDir() + "/out";
-  std::fflush(stdout);
-  int saved = dup(1);
-  FILE *f = std::fopen(path.c_str(), "w");
-  dup2(fileno(f), 1);
+  testing::internal::CaptureStdout();
   update_progress(&v);
-  std::fflush(stdout);
-  dup2(saved, 1);
-  close(saved);
-  std::fclose(f);
-  return kt::readFile(path);
+  return testing::internal::GetCapturedStdout();
 }
 
 }  // namespace
