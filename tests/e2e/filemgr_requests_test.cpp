@@ -40,34 +40,33 @@ const std::string USAGE = "qadd [-h host] [-g <group num>] [-p <priority num>] <
 
 }  // namespace
 
-TEST(FilemgrQueue, AddSendsGroupAndPriorityInOneByteEach) {
-  Exchange x = ask("127.0.6.60", {"qadd", "-h", "127.0.6.60", "-g", "300", "-p", "7", "/data/img/a.jp"}, {0x11, 0x00});
-  EXPECT_EQ(x.request, queueOp(0x10, 44, 7, "/data/img/a.jp"));  // 19 bytes; 300 keeps its low 8 bits
-  EXPECT_EQ(x.result.status, 0);
-  EXPECT_EQ(x.result.out, "");
-}
-
-TEST(FilemgrQueue, AnswersMapToMessagesAndStatuses) {
-  Exchange x = ask("127.0.6.61", {"qadd", "-h", "127.0.6.61", "f"}, {0x11, 0xFE});
-  EXPECT_EQ(x.result.out, "bad result code -2 from add operation\n");
-  EXPECT_EQ(x.result.status, 6);
-
-  x = ask("127.0.6.62", {"qadd", "-h", "127.0.6.62", "f"}, {0x13, 0x00});
-  EXPECT_EQ(x.result.out, "response code incorrect.  Got 0x13 expected 0x11\n");
-  EXPECT_EQ(x.result.status, 5);
-
-  x = ask("127.0.6.63", {"qrm", "-h", "127.0.6.63", "-g", "3", "f"}, {0x13, 0x00});
-  EXPECT_EQ(x.request, queueOp(0x12, 3, 0, "f"));
-  EXPECT_EQ(x.result.status, 0);
-
-  x = ask("127.0.6.65", {"status", "127.0.6.65"}, {0xF1});
-  EXPECT_EQ(x.request, kt::bytes({0x01}));
-  EXPECT_EQ(x.result.status, 0);
-  EXPECT_EQ(x.result.out, "");
-
-  x = ask("127.0.6.66", {"status", "127.0.6.66"}, {0x00});
-  EXPECT_EQ(x.result.out, "response code incorrect.  Got 0x00 expected 0xF1\n");
-  EXPECT_EQ(x.result.status, 5);
+TEST(FilemgrQueue, RequestsAndEachKindOfAnswer) {
+  const struct {
+    const char *ip;
+    std::vector<std::string> args;  // -h ip follows the command word, except for status
+    std::vector<uint8_t> answer, request;
+    std::string out;
+    int status;
+  } cases[] = {
+      // 300 keeps its low 8 bits: group 44. 19 bytes.
+      {"127.0.6.60", {"qadd", "-g", "300", "-p", "7", "/data/img/a.jp"}, {0x11, 0x00}, queueOp(0x10, 44, 7, "/data/img/a.jp"), "", 0},
+      {"127.0.6.61", {"qadd", "f"}, {0x11, 0xFE}, queueOp(0x10, 0, 0, "f"), "bad result code -2 from add operation\n", 6},
+      {"127.0.6.62", {"qadd", "f"}, {0x13, 0x00}, queueOp(0x10, 0, 0, "f"), "response code incorrect.  Got 0x13 expected 0x11\n", 5},
+      {"127.0.6.63", {"qrm", "-g", "3", "f"}, {0x13, 0x00}, queueOp(0x12, 3, 0, "f"), "", 0},
+      {"127.0.6.65", {"status"}, {0xF1}, {0x01}, "", 0},
+      {"127.0.6.66", {"status"}, {0x00}, {0x01}, "response code incorrect.  Got 0x00 expected 0xF1\n", 5},
+  };
+  for (const auto &c : cases) {
+    std::vector<std::string> args = c.args;
+    if (args[0] == "status")
+      args.push_back(c.ip);
+    else
+      args.insert(args.begin() + 1, {"-h", c.ip});
+    Exchange x = ask(c.ip, args, c.answer);
+    EXPECT_EQ(x.request, c.request) << c.ip;
+    EXPECT_EQ(x.result.out, c.out) << c.ip;
+    EXPECT_EQ(x.result.status, c.status) << c.ip;
+  }
 }
 
 TEST(FilemgrQueue, NameLengthLimitAndUsage) {
