@@ -78,8 +78,25 @@ fuzz: deps
 	  grep -E '^stat::number_of_executed_units|^Done' build-fuzz/$$t.log; \
 	done
 
-# The long crash soak: at least 100 SIGKILLs of downloads of a 3 MiB file through a lossy
-# kestil-sim link (about 15 minutes); `make check` runs a short one.
+# The long crash soak: at least 100 SIGKILLs of downloads of a 2 MiB file through a lossy
+# kestil-sim link (about 20 minutes); `make check` runs a short one.
 .PHONY: soak
 soak: build
 	python3 tests/soak/crash_soak.py --bin-dir build/bin --kills 100
+
+# Benchmarks against uftp and atftp on loopback, through kestil-sim's emulated links (about
+# 30 minutes); writes bench/results/latest.json, results.md and ratios.png. Not part of `make check`.
+BENCH_PACKAGES := uftp atftp atftpd gnuplot-nox
+.PHONY: bench
+bench: deps
+	@missing=""; for p in $(BENCH_PACKAGES); do \
+	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "ok installed" || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	  echo "installing:$$missing"; \
+	  apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing; \
+	fi
+	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF
+	cmake --build build-bench -j$(JOBS) --target kestil kestil-sim raw_udp_bench
+	timeout 2400 python3 bench/run_bench.py --bin build-bench/bin --runs 3 --out bench/results
+	@cat bench/results/results.md

@@ -81,7 +81,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   traceOut = std::fopen("/dev/null", "w");
   // Two clients on loopback that only take what the services send and drop it.
   for (int i = 0; i < 2; ++i) {
-    peerAddr[i] = loopback(0x7F000902 + static_cast<uint32_t>(i));  // 127.0.9.2, 127.0.9.3
+    peerAddr[i] = loopback(0x7F000AC9 + static_cast<uint32_t>(i));  // 127.0.10.201, 127.0.10.202
     peers[i] = socket(AF_INET, SOCK_DGRAM, 0);
     socklen_t len = sizeof peerAddr[i];
     if (peers[i] < 0 || bind(peers[i], reinterpret_cast<sockaddr *>(&peerAddr[i]), sizeof peerAddr[i]) != 0 ||
@@ -107,7 +107,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   EventLoop loop;
   TransferService svc;
   int64_t now = 1000000000;
-  int fd = openUdpSocket(loopback(0x7F000901));  // 127.0.9.1
+  int fd = openUdpSocket(loopback(0x7F000AC8));  // 127.0.10.200
   if (fd < 0 || !transferServiceStart(&svc, &opts, real, &loop, &trace, fd, now)) std::abort();
 
   fz::Input in{data, size};

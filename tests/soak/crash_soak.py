@@ -8,7 +8,7 @@ be continued: every block the record marks holds the source's bytes, and once th
 knows the file its size and digest are the source's. Every round must end with exit status
 0, a file with the source's content and no state file. Loopback only; every wait bounded.
 
-    crash_soak.py --bin-dir build/bin --kills 120            # the long soak, ~10 minutes
+    crash_soak.py --bin-dir build/bin --kills 100            # the long soak, ~20 minutes
     crash_soak.py --bin-dir build/bin --kills 4 --size 1000000 --addr 127.0.9.21
 """
 import argparse
@@ -120,8 +120,8 @@ def run_client(kestil, cwd, args, kill_after, limit_s):
 def main():
     ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     ap.add_argument("--bin-dir", required=True)
-    ap.add_argument("--kills", type=int, default=120, help="SIGKILLs in all (at least)")
-    ap.add_argument("--size", type=int, default=3 * 1024 * 1024, help="bytes of the remote file")
+    ap.add_argument("--kills", type=int, default=100, help="SIGKILLs in all (at least)")
+    ap.add_argument("--size", type=int, default=2 * 1024 * 1024, help="bytes of the remote file")
     ap.add_argument("--loss", default="0.05")
     ap.add_argument("--pace", default="8000", help="the simulator's datagrams per second")
     ap.add_argument("--seed", type=int, default=1)
@@ -157,7 +157,7 @@ def main():
         while kills < opts.kills:
             rounds += 1
             local = "copy%03d.bin" % rounds
-            for attempt in range(rng.choice([1, 1, 2, 3])):
+            for attempt in range(rng.choice([1, 2, 3, 4])):
                 # A follow-up is a get of the same names or a resume of the local file.
                 if attempt > 0 and rng.random() < 0.5:
                     args = ["resume", local]
@@ -167,7 +167,10 @@ def main():
                 status = run_client(kestil, cwd, args, kill_after, limit_s)
                 runs += 1
                 if status != "killed":
-                    break  # it ended first; the final get below finds it complete or absent
+                    # It ended before its kill: verified, or a resume that found no record left.
+                    if status != 0 and not (args[0] == "resume" and status == 1):
+                        fail("round %d: %s ended with %s before its kill" % (rounds, " ".join(args), status))
+                    break
                 kills += 1
                 problem = check_partial(cwd, local, source)
                 if problem:
@@ -182,6 +185,8 @@ def main():
             if os.path.exists(os.path.join(cwd, "." + local + ".kestil_state")):
                 fail("round %d: the state file outlived a verified download" % rounds)
             os.remove(os.path.join(cwd, local))
+            print("round %d verified: %d kills so far, %.0f s" % (rounds, kills, time.monotonic() - started),
+                  flush=True)
     finally:
         sim.stop()
         if not opts.keep:
