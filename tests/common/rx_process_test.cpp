@@ -107,10 +107,7 @@ TEST_F(ProcessData, DuplicatesRewrittenAndFailedWritesStayWanted) {
 }
 
 TEST(ProcessMetadata, TakesOnlyTheRequestsOwnMetadata) {
-  sockaddr_in client{}, remote{};
-  client.sin_family = AF_INET;
-  client.sin_port = htons(KESTIL_PORT);
-  inet_aton("127.0.3.40", &client.sin_addr);
+  sockaddr_in client{AF_INET, htons(KESTIL_PORT), {htonl(0x7F000328)}, {}};  // 127.0.3.40
   uint8_t pkt[34] = {};
   KESTIL_metadata meta{1, 1000, 1700000000, 250, {}};
   meta.md5[15] = 0x5A;
@@ -118,23 +115,20 @@ TEST(ProcessMetadata, TakesOnlyTheRequestsOwnMetadata) {
   uint32_t size = 0;
   KestilTimespec modTime{};
   uint8_t md5[16] = {};
-  auto offer = [&](int nread) { return processMetadata(pkt, nread, &client, &remote, &size, 1, &modTime, md5); };
-
-  remote = client;
-  EXPECT_EQ(offer(32), 0);
-  EXPECT_EQ(offer(34), 0);
-  remote.sin_port = htons(KESTIL_PORT + 1);
-  EXPECT_EQ(offer(33), 0);
-  remote = client;
-  inet_aton("127.0.3.41", &remote.sin_addr);
-  EXPECT_EQ(offer(33), 0);
-  remote = client;
-  pkt[4] = 2;  // request identifier 2
-  EXPECT_EQ(offer(33), 0);
+  auto offer = [&](int nread, uint32_t reqId, sockaddr_in remote) {
+    return processMetadata(pkt, nread, &client, &remote, &size, reqId, &modTime, md5);
+  };
+  sockaddr_in otherPort = client, otherHost = client;
+  otherPort.sin_port = htons(KESTIL_PORT + 1);
+  otherHost.sin_addr.s_addr = htonl(0x7F000329);
+  EXPECT_EQ(offer(32, 1, client), 0);
+  EXPECT_EQ(offer(34, 1, client), 0);
+  EXPECT_EQ(offer(33, 1, otherPort), 0);
+  EXPECT_EQ(offer(33, 1, otherHost), 0);
+  EXPECT_EQ(offer(33, 2, client), 0);  // the metadata answers request 1, not 2
   EXPECT_EQ(size, 0u);
 
-  pkt[4] = 1;
-  EXPECT_EQ(offer(33), 1);
+  EXPECT_EQ(offer(33, 1, client), 1);
   EXPECT_EQ(size, 1000u);
   EXPECT_EQ(modTime.tv_sec, 1700000000);
   EXPECT_EQ(modTime.tv_nsec, 250);
