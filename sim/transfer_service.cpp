@@ -30,7 +30,15 @@ namespace {
 
 constexpr int64_t HOUSEKEEPING_US = 1000000;
 // Shortest gap between two sending bursts of one session; bursts carry the credit earned.
-constexpr int64_t MIN_PUMP_GAP_US = 2000;
+constexpr int64_t MIN_PUMP_GAP_US = 100;
+// Longest burst, in datagrams: a receiver on this host takes a few hundred small datagrams
+// into its socket buffer, so fast paces are sent as many short bursts, not a few long ones.
+constexpr double MAX_BURST_DATAGRAMS = 64.0;
+// Most datagrams sent beyond the newest one the client reports received. The client
+// acknowledges every 256 blocks, so this lets one lost acknowledgement pass without a stall,
+// while a client that falls behind on this host is not buried under what its socket buffer
+// cannot hold.
+constexpr uint64_t MAX_IN_FLIGHT = 640;
 // The transmit routine's datagram reaches the capture socket at once on loopback; this only
 // bounds the wait should the host be very busy.
 constexpr int CAPTURE_WAIT_MS = 200;
@@ -77,6 +85,7 @@ struct TransferSession {
   uint32_t fillNext = 0;       // the round of unacknowledged blocks that fills an idle wire
   bool fillSpent = false;      // one such round per applied acknowledgement
   uint32_t acksHeard = 0;      // the client's acknowledgements applied (not the request's)
+  uint64_t newestArrived = 0;  // send count of the newest datagram the client reports
   uint64_t pumpTimer = 0;
   bool removeOnConfirm = false;
   std::vector<ReportedEntry> reported;
@@ -174,6 +183,7 @@ bool fillCandidate(const TransferSession *s, uint32_t blk) {
 // False when nothing is sendable until an acknowledgement.
 bool pickNext(TransferSession *s, uint32_t *blk, bool *resend) {
   *resend = true;
+  if (s->sendCount - s->newestArrived >= MAX_IN_FLIGHT) return false;
   while (!s->lost.empty()) {
     uint32_t b = *s->lost.begin();
     s->lost.erase(s->lost.begin());
@@ -206,9 +216,9 @@ void pump(TransferService *svc, TransferSession *s, int64_t now) {
   double earned = s->paceBits * static_cast<double>(now - s->lastCreditUs) / 1e6;
   s->lastCreditUs = now;
   // Credit saved while waiting for an acknowledgement is not spent in one burst later: at
-  // most 20 ms of the rate, and never less than two full datagrams.
+  // most 20 ms of the rate or a burst's worth, and never less than two full datagrams.
   double fullBits = (static_cast<double>(s->tx.blkSize) + 5 + LINK_IP_UDP_OVERHEAD) * 8;
-  double cap = std::max(2.0 * fullBits, s->paceBits * 0.02);
+  double cap = std::max(2.0 * fullBits, std::min(s->paceBits * 0.02, MAX_BURST_DATAGRAMS * fullBits));
   s->credit = std::min(cap, s->credit + earned);
   uint8_t buf[KESTIL_MAX_DATAGRAM];
   s->passExhausted = false;
@@ -248,22 +258,24 @@ void schedulePump(TransferService *svc, TransferSession *s, int64_t dueUs) {
 // Loss detection after an acknowledgement: a block reported missing although a block sent
 // after it is reported received was lost on the way (held-back datagrams make this wrong now
 // and then, at the price of one extra copy).
-void detectLosses(TransferSession *s) {
+// `from` is the window's base before the acknowledgement: the blocks it slid over arrived too.
+void detectLosses(TransferSession *s, uint32_t from) {
   uint32_t base = s->tx.rxVec.blkNumBase;
   uint32_t end = windowEnd(s);
   uint64_t newestArrived = 0;
-  for (uint32_t b = base; b < end; ++b) {
+  for (uint32_t b = std::min(from, base); b < end; ++b) {
     if (acked(s, b) && everSent(s, b)) newestArrived = std::max(newestArrived, s->stamps[b % KESTIL_WINDOW_BLOCKS].count);
   }
   for (uint32_t b = base; b < end; ++b) {
     if (!acked(s, b) && everSent(s, b) && s->stamps[b % KESTIL_WINDOW_BLOCKS].count < newestArrived) s->lost.insert(b);
   }
+  s->newestArrived = std::max(s->newestArrived, newestArrived);
 }
 
 // After an acknowledgement: losses it reveals go out first, the window may have moved on,
 // and the wire may be filled with one more round of unacknowledged blocks.
-void resumeAfterAck(TransferService *svc, TransferSession *s, int64_t now) {
-  detectLosses(s);
+void resumeAfterAck(TransferService *svc, TransferSession *s, int64_t now, uint32_t baseBefore) {
+  detectLosses(s, baseBefore);
   s->acksHeard++;
   s->fillSpent = false;
   s->fillNext = s->tx.rxVec.blkNumBase;
@@ -439,6 +451,7 @@ void onSenderAck(TransferService *svc, TransferSession *s, const uint8_t *d, int
     endSession(svc, s, now, "the client stopped (closing acknowledgement)");
     return;
   }
+  uint32_t baseBefore = s->tx.rxVec.blkNumBase;
   if (rx_func(&s->tx, d, len) == 1) {
     // The first complete acknowledgement is the client's confirmation.
     if (s->removeOnConfirm) {
@@ -448,7 +461,7 @@ void onSenderAck(TransferService *svc, TransferSession *s, const uint8_t *d, int
     endSession(svc, s, now, "complete");
     return;
   }
-  resumeAfterAck(svc, s, now);
+  resumeAfterAck(svc, s, now, baseBefore);
 }
 
 // ---- put ----
@@ -660,6 +673,7 @@ void onRequest(TransferService *svc, const uint8_t *d, int len, const sockaddr_i
         }
         return;
       }
+      uint32_t baseBefore = s->tx.rxVec.blkNumBase;
       if (code == KESTIL_GET && req.hasAck) applyPiggyBack(s, d, len, 9 + req.nameLen);
       // The client repeats its request while it lacks the metadata: start the pass over.
       if (!blkIsInVector(&s->tx.rxVec, 0)) {
@@ -667,10 +681,11 @@ void onRequest(TransferService *svc, const uint8_t *d, int len, const sockaddr_i
         s->lost.clear();
         std::fill(std::begin(s->stamps), std::end(s->stamps), SendStamp{});
         s->fillSpent = false;
+        s->newestArrived = s->sendCount;
         s->passExhausted = false;
         schedulePump(svc, s, now);
       } else {
-        resumeAfterAck(svc, s, now);
+        resumeAfterAck(svc, s, now, baseBefore);
       }
       return;
     }

@@ -1,0 +1,86 @@
+#!/usr/bin/env python3
+"""Turns bench/results/latest.json into the Markdown table (results.md) and the plot (ratios.png).
+Usage: bench/report.py RESULTS_DIR"""
+import json
+import os
+import shutil
+import subprocess
+import sys
+
+TOOLS = ["kestil get", "kestil put", "uftp", "atftp"]
+
+
+def fmt(s, digits=2):
+    if not s:
+        return "—"
+    return f"{s['median']:.{digits}f} ({s['min']:.{digits}f}–{s['max']:.{digits}f})"
+
+
+def main():
+    out = sys.argv[1] if len(sys.argv) > 1 else "bench/results"
+    r = json.load(open(os.path.join(out, "latest.json")))
+    m = r.get("machine", {})
+    lines = [f"Measured on {m.get('cpu', '?')}, {m.get('cores', '?')} cores, {m.get('mem_GiB', '?')} GiB, "
+             f"Linux {m.get('kernel', '?')}. Median of the runs (min–max).", ""]
+    if "raw" in r:
+        lines += [f"Raw loopback limit (146-byte datagrams, 141 bytes of payload): "
+                  f"{fmt(r['raw']['payload_MBps'], 1)} MB/s", ""]
+    if "loopback" in r:
+        raw = r.get("raw", {}).get("payload_MBps", {}).get("median")
+        lines += ["| loopback download | payload MB/s | of raw limit | client CPU s/MiB |", "|---|---|---|---|"]
+        for tool, v in r["loopback"].items():
+            mbps = v["payload_MBps"]
+            share = f"{mbps['median'] / raw:.2f}" if mbps and raw else "—"
+            lines.append(f"| {tool} | {fmt(mbps, 1)} | {share} | {fmt(v['cpu_s_per_MiB'], 4)} |")
+        lines.append("")
+    if "scenarios" in r:
+        lines += ["| link | tool | lower bound s | complete / bound | exit / bound | complete, MD5 ok |",
+                  "|---|---|---|---|---|---|"]
+        for name, sc in r["scenarios"].items():
+            link = sc["link"]
+            desc = (f"{name}: {link['rate_bps'] / 1000:g} kbit/s, {link['delay_ms']} ms, {link['loss'] * 100:g}% loss, "
+                    f"{link['size'] // 1024} KiB (best other: {link['best_other_exit_ratio_target']})")
+            for tool in TOOLS:
+                if tool in sc:
+                    v = sc[tool]
+                    lines.append(f"| {desc} | {tool} | {v['lower_bound_s']:.2f} | {fmt(v['complete_ratio'])} | "
+                                 f"{fmt(v['exit_ratio'])} | {v['completed']} |")
+                    desc = ""
+        lines.append("")
+    if "memory" in r:
+        lines += ["| kestil get | peak RSS MiB | client CPU s/MiB |", "|---|---|---|"]
+        for size, v in r["memory"].items():
+            lines.append(f"| {size} | {fmt(v['peak_rss_MiB'])} | {fmt(v['cpu_s_per_MiB'], 4)} |")
+        lines.append("")
+    with open(os.path.join(out, "results.md"), "w") as f:
+        f.write("\n".join(lines))
+
+    if "scenarios" not in r or shutil.which("gnuplot") is None:
+        return
+    data = os.path.join(out, "ratios.dat")
+    with open(data, "w") as f:
+        f.write("scenario " + " ".join(f'"{t}"' for t in TOOLS) + "\n")
+        for name, sc in r["scenarios"].items():
+            vals = []
+            for t in TOOLS:
+                c = sc.get(t, {}).get("complete_ratio")
+                vals.append(f"{c['median']:.3f}" if c else "NaN")
+            f.write(name + " " + " ".join(vals) + "\n")
+    script = f"""
+set terminal pngcairo size 900,480 font ",11"
+set output "{os.path.join(out, 'ratios.png')}"
+set title "Time until the file is complete, as a ratio to each tool's lower bound (lower is better)"
+set style data histograms
+set style histogram clustered gap 1
+set style fill solid 0.8 border -1
+set yrange [0:*]
+set key top left
+set grid ytics
+plot for [i=2:{len(TOOLS) + 1}] "{data}" using i:xtic(1) title columnheader(i)
+"""
+    subprocess.run(["gnuplot"], input=script, text=True, check=False)
+    os.remove(data)
+
+
+if __name__ == "__main__":
+    main()

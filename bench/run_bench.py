@@ -1,0 +1,476 @@
+#!/usr/bin/env python3
+"""The benchmarks behind `make bench`: the loopback ceiling, a loopback download beside atftp and
+uftp, the four emulated links S1-S4 crossed by every tool through kestil-sim's relay, and the
+client's memory. Every figure is the median of --runs runs with min and max. Only 127.0.9.x
+addresses are used; every process is bounded in time and killed at the end.
+
+Usage: bench/run_bench.py --bin BUILD/bin [--runs N] [--only raw,loopback,S1,...,memory] [--out DIR]
+"""
+import argparse
+import hashlib
+import json
+import os
+import platform
+import shutil
+import signal
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+SIM_ADDR = "127.0.9.2"     # kestil-sim's services
+RELAY_ADDR = "127.0.9.1"   # the emulated link every tool crosses
+ATFTPD_ADDR = "127.0.9.3"
+UFTPD_ADDR = "127.0.9.4"
+RAW_ADDR = "127.0.9.5"
+ATFTP_PORT = 6969
+UFTP_PORT = 10440
+IPUDP = 28
+KESTIL_BLOCK = 141
+
+# name, link rate bit/s, one-way delay ms, loss, file size, the best other tool's ratio to exit
+SCENARIOS = [
+    ("S1", 1_000_000, 20, 0.00, 1 << 20, 1.04),
+    ("S2", 1_000_000, 20, 0.05, 1 << 20, 1.09),
+    ("S3", 64_000, 300, 0.10, 256 << 10, 1.35),
+    ("S4", 9_600, 10, 0.02, 32 << 10, 1.09),
+]
+SEED = 7
+
+
+def use_net(net):
+    global SIM_ADDR, RELAY_ADDR, ATFTPD_ADDR, UFTPD_ADDR, RAW_ADDR, ATFTP_PORT, UFTP_PORT
+    SIM_ADDR, RELAY_ADDR, ATFTPD_ADDR, UFTPD_ADDR, RAW_ADDR = (f"127.{net}.0.{i}" for i in (2, 1, 3, 4, 5))
+    # uftpd listens on its port on every address, so each net has its own ports too.
+    ATFTP_PORT, UFTP_PORT = 6900 + net * 4, 10400 + net * 4
+
+
+def log(*a):
+    print(*a, file=sys.stderr, flush=True)
+
+
+def md5(path):
+    h = hashlib.md5()
+    with open(path, "rb") as f:
+        for chunk in iter(lambda: f.read(1 << 20), b""):
+            h.update(chunk)
+    return h.hexdigest()
+
+
+def summary(values):
+    values = [v for v in values if v is not None]
+    if not values:
+        return None
+    return {"median": statistics.median(values), "min": min(values), "max": max(values), "n": len(values)}
+
+
+class Daemon:
+    """A server started for one measurement; waits (bounded) until it is ready, then killed."""
+
+    def __init__(self, argv, workdir, name, ready=None, timeout=10):
+        self.err = os.path.join(workdir, name + ".err")
+        self.out = os.path.join(workdir, name + ".out")
+        self.proc = subprocess.Popen(argv, stdout=open(self.out, "wb"), stderr=open(self.err, "wb"),
+                                     cwd=workdir, start_new_session=True)
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            if self.proc.poll() is not None:
+                raise RuntimeError(f"{name} ended at start: {open(self.err).read()}")
+            if ready is None or ready():
+                return
+            time.sleep(0.01)
+        raise RuntimeError(f"{name} did not come up")
+
+    def stop(self):
+        if self.proc.poll() is None:
+            os.killpg(self.proc.pid, signal.SIGTERM)
+            try:
+                self.proc.wait(5)
+            except subprocess.TimeoutExpired:
+                os.killpg(self.proc.pid, signal.SIGKILL)
+                self.proc.wait()
+
+
+def has_output(path):
+    return lambda: os.path.exists(path) and os.path.getsize(path) > 0
+
+
+def udp_bound(addr, port):
+    hexaddr = "".join(f"{int(x):02X}" for x in reversed(addr.split(".")))
+    key = f"{hexaddr}:{port:04X}"
+    def check():
+        with open("/proc/net/udp") as f:
+            return any(line.split()[1] == key for line in f.readlines()[1:])
+    return check
+
+
+def run_client(argv, cwd, timeout, stdout=subprocess.DEVNULL):
+    """Runs one client; answers (exit status, wall seconds, user+system CPU seconds, peak RSS KiB)."""
+    t0 = time.time_ns()
+    proc = subprocess.Popen(argv, cwd=cwd, stdout=stdout, stderr=subprocess.STDOUT, start_new_session=True)
+    deadline = time.monotonic() + timeout
+    while True:
+        pid, status, ru = os.wait4(proc.pid, os.WNOHANG)
+        if pid != 0:
+            break
+        if time.monotonic() > deadline:
+            os.killpg(proc.pid, signal.SIGKILL)
+            pid, status, ru = os.wait4(proc.pid, 0)
+            status = -1
+            break
+        time.sleep(0.005)
+    wall = (time.time_ns() - t0) / 1e9
+    code = os.waitstatus_to_exitcode(status) if status != -1 else -1
+    proc.returncode = code
+    return t0, code, wall, ru.ru_utime + ru.ru_stime, ru.ru_maxrss
+
+
+def completed_at(path, t0):
+    """When the received file last changed (written, renamed into place or stamped), after t0."""
+    try:
+        return (os.stat(path).st_ctime_ns - t0) / 1e9
+    except FileNotFoundError:
+        return None
+
+
+def make_file(path, size, seed):
+    with open(path, "wb") as f:
+        remaining, n = size, seed
+        while remaining > 0:
+            block = hashlib.sha256(str(n).encode()).digest() * 2048
+            f.write(block[:remaining])
+            remaining -= len(block[:remaining])
+            n += 1
+
+
+# ---- wire sizes for the lower bounds ----
+
+def kestil_wire_bytes(size):
+    blocks = -(-size // KESTIL_BLOCK)
+    total = 33 + IPUDP
+    for first, last, hdr in ((1, 255, 2), (256, 65535, 3), (65536, 1 << 24, 4)):
+        n = max(0, min(blocks, last) - first + 1)
+        total += n * (hdr + IPUDP)
+    return total + size
+
+
+def atftp_wire_bytes(size, blksize):
+    return (size // blksize + 1) * (4 + IPUDP) + size
+
+
+def uftp_wire_bytes(size, blksize=1300, header=40):
+    # the data packets' own headers (uftp, file segment), measured from the relay trace
+    return -(-size // blksize) * (header + IPUDP) + size
+
+
+def lower_bound(wire_bytes, rate, delay_ms, loss):
+    return wire_bytes * 8 / rate / (1 - loss) + 2 * delay_ms / 1000
+
+
+# ---- the measurements ----
+
+def bench_raw(args, work):
+    out = []
+    for _ in range(args.runs):
+        r = subprocess.run([os.path.join(args.bin, "raw_udp_bench"), RAW_ADDR, "3"], capture_output=True, text=True,
+                           timeout=30)
+        out.append(json.loads(r.stdout)["payload_MBps"])
+    return {"payload_MBps": summary(out)}
+
+
+def start_sim(args, work, root, extra):
+    err = os.path.join(work, "sim.err")
+    if os.path.exists(err):
+        os.remove(err)
+    return Daemon([os.path.join(args.bin, "kestil-sim"), "--root", root, "--addr", SIM_ADDR, "--idle", "30"] + extra,
+                  work, "sim", has_output(err))
+
+
+def start_relay(args, work, upstream, port, rate, delay, loss, trace=False, listen_port=None):
+    err = os.path.join(work, "relay.err")
+    if os.path.exists(err):
+        os.remove(err)
+    argv = [os.path.join(args.bin, "kestil-sim"), "--relay", f"{RELAY_ADDR}:{listen_port or port}", f"{upstream}:{port}",
+            "--rate", str(rate), "--delay", str(delay), "--loss", str(loss), "--seed", str(SEED), "--idle", "30"]
+    return Daemon(argv + (["-v"] if trace else []), work, "relay", has_output(err))
+
+
+def start_atftpd(work, root, addr):
+    return Daemon(["atftpd", "--daemon", "--no-fork", "--user", "root.root", "--port", str(ATFTP_PORT),
+                   "--bind-address", addr, "--logfile", os.path.join(work, "atftpd.log"), root],
+                  work, "atftpd", udp_bound(addr, ATFTP_PORT))
+
+
+def start_uftpd(work, dest, tmp):
+    return Daemon(["uftpd", "-d", "-p", str(UFTP_PORT), "-D", dest, "-T", tmp, "-I", "lo", "-L",
+                   os.path.join(work, "uftpd.log")], work, "uftpd", udp_bound("0.0.0.0", UFTP_PORT))
+
+
+def kestil_get(args, cwd, host, name, timeout):
+    if os.path.exists(os.path.join(cwd, name)):
+        os.remove(os.path.join(cwd, name))
+    state = os.path.join(cwd, f".{name}.kestil_state")
+    if os.path.exists(state):
+        os.remove(state)
+    t0, code, wall, cpu, rss = run_client([os.path.join(args.bin, "kestil"), "get", "-h", host, "-t", "20", name],
+                                          cwd, timeout)
+    return t0, code, wall, cpu, rss
+
+
+def bench_loopback(args, work):
+    size = args.loopback_mib << 20
+    root, ground = os.path.join(work, "root"), os.path.join(work, "ground")
+    src = os.path.join(root, "big.bin")
+    make_file(src, size, 1)
+    want = md5(src)
+    mib = size / (1 << 20)
+    result = {}
+
+    runs = []
+    sim = start_sim(args, work, root, ["--pace", str(args.loopback_pace)])
+    try:
+        for _ in range(args.runs):
+            t0, code, wall, cpu, rss = kestil_get(args, ground, SIM_ADDR, "big.bin", 600)
+            done = completed_at(os.path.join(ground, "big.bin"), t0)
+            ok = code == 0 and md5(os.path.join(ground, "big.bin")) == want
+            runs.append({"exit": code, "md5_ok": ok, "complete_s": done, "exit_s": wall, "cpu_s": cpu})
+    finally:
+        sim.stop()
+    result["kestil"] = runs
+
+    runs = []
+    d = start_atftpd(work, root, ATFTPD_ADDR)
+    try:
+        for _ in range(args.runs):
+            dst = os.path.join(ground, "atftp.bin")
+            if os.path.exists(dst):
+                os.remove(dst)
+            t0, code, wall, cpu, rss = run_client(
+                ["atftp", "--option", "blksize 141", "--option", "windowsize 64", "-g", "-r", "big.bin", "-l", dst,
+                 ATFTPD_ADDR, str(ATFTP_PORT)], ground, 600)
+            ok = code == 0 and os.path.exists(dst) and md5(dst) == want
+            runs.append({"exit": code, "md5_ok": ok, "complete_s": completed_at(dst, t0), "exit_s": wall, "cpu_s": cpu})
+    finally:
+        d.stop()
+    result["atftp"] = runs
+
+    if shutil.which("uftp"):
+        result["uftp"] = uftp_runs(args, work, src, want, RELAY_ADDR, None, 600)
+
+    table = {}
+    for tool, rs in result.items():
+        good = [r for r in rs if r["md5_ok"] and r["complete_s"]]
+        table[tool] = {
+            "payload_MBps": summary([size / r["complete_s"] / 1e6 for r in good]),
+            "cpu_s_per_MiB": summary([r["cpu_s"] / mib for r in good]),
+            "runs": rs,
+        }
+    return table
+
+
+def uftp_runs(args, work, src, want, target, link, timeout):
+    """uftp sends `src` to uftpd, unicast only: straight to uftpd, or through the relay when `link`."""
+    runs = []
+    dest, tmp = os.path.join(work, "uftp-dest"), os.path.join(work, "uftp-tmp")
+    for _ in range(args.runs):
+        for d in (dest, tmp):
+            shutil.rmtree(d, ignore_errors=True)
+            os.makedirs(d)
+        relay = None
+        daemon = start_uftpd(work, dest, tmp)
+        try:
+            # uftpd listens on every address of its port, so the relay takes the next port.
+            argv = ["uftp", "-M", UFTPD_ADDR if link is None else RELAY_ADDR,
+                    "-p", str(UFTP_PORT if link is None else UFTP_PORT + 1), "-Y", "none",
+                    "-L", os.path.join(work, "uftp.log")]
+            if link is None:
+                argv += ["-R", "-1"]  # as fast as loopback allows: its default is 1000 kbit/s
+            else:
+                rate, delay, loss = link
+                relay = start_relay(args, work, UFTPD_ADDR, UFTP_PORT, rate, delay, loss, listen_port=UFTP_PORT + 1)
+                argv += ["-R", str(max(1, rate // 1000))]
+            argv.append(src)
+            t0, code, wall, cpu, rss = run_client(argv, work, timeout)
+            got = os.path.join(dest, os.path.basename(src))
+            ok = os.path.exists(got) and md5(got) == want
+            runs.append({"exit": code, "md5_ok": ok, "complete_s": completed_at(got, t0) if ok else None,
+                         "exit_s": wall, "cpu_s": cpu})
+        finally:
+            if relay:
+                relay.stop()
+            daemon.stop()
+    return runs
+
+
+def bench_scenario(args, work, sc):
+    name, rate, delay, loss, size, best_other = sc
+    root, ground = os.path.join(work, "root"), os.path.join(work, "ground")
+    src = os.path.join(root, f"{name}.bin")
+    make_file(src, size, 2)
+    up = os.path.join(ground, f"{name}-up.bin")
+    shutil.copy(src, up)
+    want = md5(src)
+    kw = kestil_wire_bytes(size)
+    timeout = 20 * lower_bound(kw, rate, delay, loss) + 60
+    out = {}
+
+    # kestil get: the simulator paced to the link rate behind the relay.
+    runs = []
+    sim = start_sim(args, work, root, ["--pace-rate", str(rate)])
+    try:
+        for _ in range(args.runs):
+            relay = start_relay(args, work, SIM_ADDR, 3223, rate, delay, loss)
+            try:
+                t0, code, wall, cpu, rss = kestil_get(args, ground, RELAY_ADDR, f"{name}.bin", timeout)
+            finally:
+                relay.stop()
+            got = os.path.join(ground, f"{name}.bin")
+            ok = code == 0 and md5(got) == want
+            runs.append({"exit": code, "md5_ok": ok, "complete_s": completed_at(got, t0), "exit_s": wall})
+        out["kestil get"] = (runs, kw)
+
+        # kestil put at what the link carries, in full data datagrams per second.
+        runs = []
+        pkts = rate / ((KESTIL_BLOCK + 3 + IPUDP) * 8)
+        for _ in range(args.runs):
+            stored = os.path.join(root, f"{name}-up.bin")
+            if os.path.exists(stored):
+                os.remove(stored)
+            relay = start_relay(args, work, SIM_ADDR, 3223, rate, delay, loss)
+            try:
+                t0, code, wall, cpu, rss = run_client(
+                    [os.path.join(args.bin, "kestil"), "put", "-h", RELAY_ADDR, "-t", "20", "-p", f"{pkts:.3f}", up],
+                    ground, timeout)
+            finally:
+                relay.stop()
+            ok = os.path.exists(stored) and md5(stored) == want
+            runs.append({"exit": code, "md5_ok": ok, "complete_s": completed_at(stored, t0) if ok else None,
+                         "exit_s": wall})
+        out["kestil put"] = (runs, kw)
+    finally:
+        sim.stop()
+
+    # atftp with 1428-byte blocks and a window, through the same link.
+    runs = []
+    d = start_atftpd(work, root, ATFTPD_ADDR)
+    try:
+        for _ in range(args.runs):
+            dst = os.path.join(ground, f"{name}-atftp.bin")
+            if os.path.exists(dst):
+                os.remove(dst)
+            relay = start_relay(args, work, ATFTPD_ADDR, ATFTP_PORT, rate, delay, loss)
+            try:
+                t0, code, wall, cpu, rss = run_client(
+                    ["atftp", "--option", "blksize 1428", "--option", "windowsize 16", "-g", "-r", f"{name}.bin",
+                     "-l", dst, RELAY_ADDR, str(ATFTP_PORT)], ground, timeout)
+            finally:
+                relay.stop()
+            ok = code == 0 and os.path.exists(dst) and md5(dst) == want
+            runs.append({"exit": code, "md5_ok": ok, "complete_s": completed_at(dst, t0) if ok else None,
+                         "exit_s": wall})
+    finally:
+        d.stop()
+    out["atftp"] = (runs, atftp_wire_bytes(size, 1428))
+
+    if shutil.which("uftp"):
+        out["uftp"] = (uftp_runs(args, work, src, want, RELAY_ADDR, (rate, delay, loss), timeout),
+                       uftp_wire_bytes(size))
+
+    table = {"link": {"rate_bps": rate, "delay_ms": delay, "loss": loss, "size": size,
+                      "best_other_exit_ratio_target": best_other}}
+    for tool, (rs, wire) in out.items():
+        bound = lower_bound(wire, rate, delay, loss)
+        good = [r for r in rs if r["md5_ok"]]
+        table[tool] = {
+            "lower_bound_s": bound,
+            "complete_ratio": summary([r["complete_s"] / bound for r in good if r["complete_s"]]),
+            "exit_ratio": summary([r["exit_s"] / bound for r in good]),
+            "completed": f"{len(good)}/{len(rs)}",
+            "runs": rs,
+        }
+    return table
+
+
+def bench_memory(args, work):
+    root, ground = os.path.join(work, "root"), os.path.join(work, "ground")
+    out = {}
+    for label, size in (("1 KiB", 1024), ("1 GiB", 1 << 30)):
+        src = os.path.join(root, "mem.bin")
+        if size <= 1 << 20:
+            make_file(src, size, 3)
+        else:
+            with open(src, "wb") as f:  # sparse: the source's content does not matter here
+                f.truncate(size)
+        rss, cpu, okc = [], [], 0
+        sim = start_sim(args, work, root, ["--pace", str(args.loopback_pace)])
+        try:
+            runs = 1 if size > 1 << 20 else args.runs
+            for _ in range(runs):
+                t0, code, wall, c, r = kestil_get(args, ground, SIM_ADDR, "mem.bin", 1800)
+                rss.append(r / 1024)
+                cpu.append(c / (size / (1 << 20)))
+                okc += code == 0
+        finally:
+            sim.stop()
+        os.remove(src)
+        dst = os.path.join(ground, "mem.bin")
+        if os.path.exists(dst):
+            os.remove(dst)
+        out[label] = {"peak_rss_MiB": summary(rss), "cpu_s_per_MiB": summary(cpu), "ok_runs": okc}
+    return out
+
+
+def machine():
+    cpu = "?"
+    with open("/proc/cpuinfo") as f:
+        for line in f:
+            if line.startswith("model name"):
+                cpu = line.split(":", 1)[1].strip()
+                break
+    return {"cpu": cpu, "cores": os.cpu_count(), "kernel": platform.release(),
+            "mem_GiB": round(os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / (1 << 30), 1)}
+
+
+def main():
+    # A stopped run still stops its servers (the finally clauses).
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--bin", required=True)
+    ap.add_argument("--runs", type=int, default=3)
+    ap.add_argument("--only", default="raw,loopback,S1,S2,S3,S4,memory")
+    ap.add_argument("--out", default="bench/results")
+    ap.add_argument("--loopback-mib", type=int, default=64)
+    ap.add_argument("--loopback-pace", type=int, default=120000)
+    ap.add_argument("--net", type=int, default=9, help="the addresses used are 127.NET.0.x")
+    args = ap.parse_args()
+    use_net(args.net)
+    args.bin = os.path.abspath(args.bin)
+    wanted = args.only.split(",")
+    os.makedirs(args.out, exist_ok=True)
+    latest = os.path.join(args.out, "latest.json")
+    results = json.load(open(latest)) if os.path.exists(latest) and args.only != ap.get_default("only") else {}
+    results["machine"] = machine()
+    with tempfile.TemporaryDirectory(prefix="kestil-bench.") as work:
+        for d in ("root", "ground"):
+            os.makedirs(os.path.join(work, d))
+        for item in wanted:
+            log(f"== {item}")
+            started = time.monotonic()
+            if item == "raw":
+                results["raw"] = bench_raw(args, work)
+            elif item == "loopback":
+                results["loopback"] = bench_loopback(args, work)
+            elif item == "memory":
+                results["memory"] = bench_memory(args, work)
+            else:
+                sc = next(s for s in SCENARIOS if s[0] == item)
+                results.setdefault("scenarios", {})[item] = bench_scenario(args, work, sc)
+            results.setdefault("seconds", {})[item] = round(time.monotonic() - started, 1)
+            with open(latest, "w") as f:
+                json.dump(results, f, indent=1)
+    subprocess.run([sys.executable, os.path.join(os.path.dirname(__file__), "report.py"), args.out], check=False)
+
+
+if __name__ == "__main__":
+    main()

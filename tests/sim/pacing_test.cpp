@@ -1,0 +1,162 @@
+// How a download leaves the simulator, with stepped time: the pace in bits of wire, the cap on
+// datagrams beyond the newest one the client reports, resends of blocks an acknowledgement shows
+// lost, and the one round of unacknowledged blocks that fills an idle wire.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "common/common.hpp"
+#include "common/wire_codec.hpp"
+#include "sim/transfer_service.hpp"
+#include "tests/support/test_support.hpp"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+class SimPacing : public ::testing::Test {
+ protected:
+  void start(uint64_t paceBits, size_t fileSize) {
+    root_ = kt::makeTempDir();
+    ASSERT_TRUE(getcwd(saved_, sizeof saved_) != nullptr);
+    ASSERT_EQ(chdir(root_.c_str()), 0);
+    ASSERT_TRUE(realpath(".", real_) != nullptr);
+    ASSERT_TRUE(kt::writeFile("f.bin", kt::patternBytes(fileSize, 3)));
+    opts_.paceBits = paceBits;
+    ASSERT_TRUE(client_.bind("127.0.8.30", 0));
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    local.sin_addr.s_addr = htonl(0x7F00081F);  // 127.0.8.31
+    ASSERT_TRUE(transferServiceStart(&svc_, &opts_, real_, &loop_, &trace_, openUdpSocket(local), now_));
+    started_ = true;
+    Bytes req = {KESTIL_GET, 0, 0, 141, 0, 0, 0, 1, 'f', '.', 'b', 'i', 'n', 0};
+    deliver(req);
+  }
+  void TearDown() override {
+    if (!started_) return;
+    transferServiceStop(&svc_);
+    ASSERT_EQ(chdir(saved_), 0);
+    ASSERT_EQ(std::system(("rm -rf '" + root_ + "'").c_str()), 0);
+  }
+  void deliver(const Bytes &d) {
+    transferHandleDatagram(&svc_, d.data(), static_cast<int>(d.size()), client_.address(), now_);
+  }
+  // Steps of 0.1 ms; what arrives is collected as it comes, so no socket buffer overflows.
+  void advance(int ms) {
+    for (int i = 0; i < ms * 10; ++i) {
+      loopRunDue(&loop_, now_ += 100);
+      collect(0);
+    }
+  }
+  void collect(int timeoutMs) {
+    for (Bytes d = client_.recv(nullptr, timeoutMs); !d.empty(); d = client_.recv(nullptr, timeoutMs)) {
+      KestilDataBlock b{};
+      if (decodeDataBlock(d.data(), d.size(), &b)) got_.push_back(b.blkNum);
+      if (d[0] == KESTIL_METADATA) got_.push_back(0);
+    }
+  }
+  // Block numbers received since the last call, in order; 0 stands for the metadata.
+  std::vector<uint32_t> blocks() {
+    collect(20);
+    std::vector<uint32_t> out;
+    out.swap(got_);
+    return out;
+  }
+  // An acknowledgement with base 0 whose first bytes are `bits` (one bit per block, MSB first).
+  static Bytes ack(const Bytes &bits) {
+    Bytes d = {KESTIL_VECACK, 0, 0, 0, 0};
+    d.insert(d.end(), bits.begin(), bits.end());
+    return d;
+  }
+
+  std::string root_;
+  char saved_[PATH_MAX]{};
+  char real_[PATH_MAX]{};
+  bool started_ = false;
+  SimOptions opts_;
+  Trace trace_;
+  EventLoop loop_;
+  TransferService svc_;
+  kt::UdpPeer client_;
+  std::vector<uint32_t> got_;
+  int64_t now_ = 1000000000;
+};
+
+// A full block datagram of 141 bytes with a 2-byte header is 171 bytes on the wire with IP/UDP.
+TEST_F(SimPacing, PaceIsBitsOfWireSoShortDatagramsLeaveRoomForMore) {
+  start(171 * 8 * 20, 141 * 60);  // 20 full blocks a second
+  advance(1000);
+  std::vector<uint32_t> got = blocks();
+  // The metadata (61 bytes on the wire) goes at once and costs a third of a block; a second
+  // then carries about 20 blocks more.
+  ASSERT_GE(got.size(), 20u);
+  EXPECT_LE(got.size(), 22u);
+  for (size_t i = 0; i < got.size(); ++i) EXPECT_EQ(got[i], i);
+}
+
+TEST_F(SimPacing, AcknowledgementShowingALaterArrivalResendsTheHoleFirstAndNotWhatIsInFlight) {
+  start(171 * 8 * 1000, 141 * 40);  // blocks 1 to 40
+  advance(10);
+  size_t sent = blocks().size();
+  ASSERT_GE(sent, 10u);
+  // The client has 0-3 and 5-7: 4 was lost, 8 and what followed may still be on the way.
+  deliver(ack({0xF7, 0x00}));
+  advance(3);
+  std::vector<uint32_t> got = blocks();
+  ASSERT_GE(got.size(), 2u);
+  EXPECT_EQ(got[0], 4u);
+  EXPECT_EQ(got[1], sent);  // then the pass goes on; 8 and later are not resent
+}
+
+TEST_F(SimPacing, ThePassEndsWithOneRoundOfUnacknowledgedBlocksThenWaitsForTheClient) {
+  start(171 * 8 * 1000, 141 * 15);  // blocks 1 to 15, lastBlk 16
+  advance(3);
+  uint32_t sent = static_cast<uint32_t>(blocks().size());
+  ASSERT_GE(sent, 2u);
+  ASSERT_LT(sent, 8u);
+  deliver(ack({static_cast<uint8_t>(0xFF00 >> sent)}));  // all of them arrived
+  advance(50);
+  // The rest of the pass, then once more what is unacknowledged, then silence.
+  std::vector<uint32_t> want;
+  for (uint32_t b = sent; b <= 15; ++b) want.push_back(b);
+  for (uint32_t b = sent; b <= 15; ++b) want.push_back(b);
+  EXPECT_EQ(blocks(), want);
+  advance(1000);
+  EXPECT_TRUE(blocks().empty());
+  deliver(ack({0xFF, 0xFE}));  // 0-14: only 15 is missing, and this round resends it
+  advance(10);
+  EXPECT_EQ(blocks(), std::vector<uint32_t>{15});
+}
+
+TEST_F(SimPacing, NoMoreThanTheFlightCapBeyondTheNewestReportedArrival) {
+  start(171 * 8 * 100000, 141 * 2000);
+  advance(100);
+  std::vector<uint32_t> got = blocks();
+  EXPECT_EQ(got.size(), 640u);  // and not the 10000 the pace would allow
+  // The client reports 0-255: the flight counts from block 255 again.
+  deliver(ack(Bytes(32, 0xFF)));
+  advance(100);
+  got = blocks();
+  ASSERT_EQ(got.size(), 256u);
+  EXPECT_EQ(got.front(), 640u);
+  EXPECT_EQ(got.back(), 895u);
+}
+
+TEST(SimPaceOptions, PaceRateWinsOverDatagramsAndTheLinkRate) {
+  SimOptions o;
+  EXPECT_DOUBLE_EQ(effectivePaceBits(o, 141), 2000.0 * 174 * 8);
+  o.link.rateBps = 9600;  // the link's own rate, not whole blocks of it
+  EXPECT_DOUBLE_EQ(effectivePaceBits(o, 141), 9600.0);
+  o.pace = 50;
+  EXPECT_DOUBLE_EQ(effectivePaceBits(o, 141), 50.0 * 174 * 8);
+  const char *argv[] = {"kestil-sim", "--pace-rate", "64000"};
+  std::string err;
+  ASSERT_EQ(parseSimOptions(3, argv, &o, &err), ParseOutcome::Run) << err;
+  EXPECT_DOUBLE_EQ(effectivePaceBits(o, 141), 64000.0);
+}
+
+}  // namespace
