@@ -16,6 +16,8 @@ finish() {
   rm -rf "$WORK"
 }
 trap finish EXIT
+# KEEP_WORK=1 keeps the scratch directory (and a running simulator, bounded by its time-out)
+# for a look after a failure.
 [[ -z ${KEEP_WORK:-} ]] || trap - EXIT
 
 # start_sim SIM_BIN ARGS...: runs kestil-sim (its trace in $WORK/sim-trace.txt) and returns
@@ -24,7 +26,7 @@ start_sim() {
   local bin=$1
   shift
   mkfifo "$WORK/sim-err"
-  timeout 100 "$bin" "$@" >"$WORK/sim-trace.txt" 2>"$WORK/sim-err" &
+  timeout -k 5 100 "$bin" "$@" >"$WORK/sim-trace.txt" 2>"$WORK/sim-err" &
   SIM_PID=$!
   exec {SIM_ERR}<"$WORK/sim-err"
   local line=""
