@@ -63,7 +63,9 @@ def main():
     ap.add_argument("--rate", type=int, default=4_000_000)
     ap.add_argument("--loss", default="0,0.1,0.2,0.3,0.4,0.5")
     ap.add_argument("--out", default="bench/results")
+    ap.add_argument("--net", type=int, default=51, help="the addresses used are 127.NET.0.x")
     args = ap.parse_args()
+    rb.use_net(args.net)
     args.bin = os.path.abspath(args.bin)
     rb.signal.signal(rb.signal.SIGTERM, lambda *_: sys.exit(1))
     rows = []

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The benchmarks behind `make bench`: the loopback ceiling, a loopback download beside atftp and
 uftp, the four emulated links S1-S4 crossed by every tool through kestil-sim's relay, and the
-client's memory. Every figure is the median of --runs runs with min and max. Only 127.0.9.x
+client's memory. Every figure is the median of --runs runs with min and max. Only 127.NET.0.x
 addresses are used; every process is bounded in time and killed at the end.
 
 Usage: bench/run_bench.py --bin BUILD/bin [--runs N] [--only raw,loopback,S1,...,memory] [--out DIR]
@@ -19,13 +19,9 @@ import sys
 import tempfile
 import time
 
-SIM_ADDR = "127.0.9.2"     # kestil-sim's services
-RELAY_ADDR = "127.0.9.1"   # the emulated link every tool crosses
-ATFTPD_ADDR = "127.0.9.3"
-UFTPD_ADDR = "127.0.9.4"
-RAW_ADDR = "127.0.9.5"
-ATFTP_PORT = 6969
-UFTP_PORT = 10440
+# Addresses and ports: see use_net (127.NET.0.1 the relay, .2 kestil-sim, .3 atftpd, .4 uftpd).
+SIM_ADDR = RELAY_ADDR = ATFTPD_ADDR = UFTPD_ADDR = RAW_ADDR = ""
+ATFTP_PORT = UFTP_PORT = 0
 IPUDP = 28
 KESTIL_BLOCK = 141
 
@@ -110,16 +106,21 @@ def run_client(argv, cwd, timeout, stdout=subprocess.DEVNULL):
     t0 = time.time_ns()
     proc = subprocess.Popen(argv, cwd=cwd, stdout=stdout, stderr=subprocess.STDOUT, start_new_session=True)
     deadline = time.monotonic() + timeout
-    while True:
-        pid, status, ru = os.wait4(proc.pid, os.WNOHANG)
-        if pid != 0:
-            break
-        if time.monotonic() > deadline:
-            os.killpg(proc.pid, signal.SIGKILL)
-            pid, status, ru = os.wait4(proc.pid, 0)
-            status = -1
-            break
-        time.sleep(0.005)
+    try:
+        while True:
+            pid, status, ru = os.wait4(proc.pid, os.WNOHANG)
+            if pid != 0:
+                break
+            if time.monotonic() > deadline:
+                os.killpg(proc.pid, signal.SIGKILL)
+                pid, status, ru = os.wait4(proc.pid, 0)
+                status = -1
+                break
+            time.sleep(0.005)
+    except BaseException:
+        os.killpg(proc.pid, signal.SIGKILL)  # a stopped benchmark leaves no client behind
+        os.waitpid(proc.pid, 0)
+        raise
     wall = (time.time_ns() - t0) / 1e9
     code = os.waitstatus_to_exitcode(status) if status != -1 else -1
     proc.returncode = code
@@ -159,7 +160,7 @@ def atftp_wire_bytes(size, blksize):
     return (size // blksize + 1) * (4 + IPUDP) + size
 
 
-def uftp_wire_bytes(size, blksize=1300, header=40):
+def uftp_wire_bytes(size, blksize=1300, header=24):
     # the data packets' own headers (uftp, file segment), measured from the relay trace
     return -(-size // blksize) * (header + IPUDP) + size
 
@@ -442,7 +443,7 @@ def main():
     ap.add_argument("--out", default="bench/results")
     ap.add_argument("--loopback-mib", type=int, default=64)
     ap.add_argument("--loopback-pace", type=int, default=120000)
-    ap.add_argument("--net", type=int, default=9, help="the addresses used are 127.NET.0.x")
+    ap.add_argument("--net", type=int, default=50, help="the addresses used are 127.NET.0.x")
     args = ap.parse_args()
     use_net(args.net)
     args.bin = os.path.abspath(args.bin)

@@ -33,12 +33,7 @@ constexpr int64_t HOUSEKEEPING_US = 1000000;
 constexpr int64_t MIN_PUMP_GAP_US = 100;
 // Longest burst, in datagrams: a receiver on this host takes a few hundred small datagrams
 // into its socket buffer, so fast paces are sent as many short bursts, not a few long ones.
-constexpr double MAX_BURST_DATAGRAMS = 64.0;
-// Most datagrams sent beyond the newest one the client reports received. The client
-// acknowledges every 256 blocks, so this lets one lost acknowledgement pass without a stall,
-// while a client that falls behind on this host is not buried under what its socket buffer
-// cannot hold.
-constexpr uint64_t MAX_IN_FLIGHT = 640;
+constexpr int MAX_BURST_DATAGRAMS = 64;
 // The transmit routine's datagram reaches the capture socket at once on loopback; this only
 // bounds the wait should the host be very busy.
 constexpr int CAPTURE_WAIT_MS = 200;
@@ -52,7 +47,7 @@ constexpr uint32_t KESTIL_WINDOW_BLOCKS = 1024;
 struct SendStamp {
   uint32_t blk = 0;
   uint64_t count = 0;          // 0: never sent
-  uint32_t resentInRound = 0;  // acknowledgement round of its last resend; 0 after a first send
+  uint32_t resentInRound = 0;  // fill round of its last resend; 0 after a first send
 };
 
 struct ReportedEntry {
@@ -82,10 +77,12 @@ struct TransferSession {
   SendStamp stamps[KESTIL_WINDOW_BLOCKS]{};
   uint32_t nextNew = 0;        // the forward pass: lowest block never sent
   std::set<uint32_t> lost;     // blocks to send again before anything new
-  uint32_t fillNext = 0;       // the round of unacknowledged blocks that fills an idle wire
-  bool fillSpent = false;      // one such round per applied acknowledgement
+  uint32_t fillNext = 0;       // rounds of unacknowledged blocks that fill an idle wire
+  uint32_t fillRound = 1;
+  uint32_t fillSentInRound = 0;
+  uint32_t fillSentSinceAck = 0;
+  bool fillSpent = false;      // nothing more to fill with until an acknowledgement
   uint32_t acksHeard = 0;      // the client's acknowledgements applied (not the request's)
-  uint64_t newestArrived = 0;  // send count of the newest datagram the client reports
   uint64_t pumpTimer = 0;
   bool removeOnConfirm = false;
   std::vector<ReportedEntry> reported;
@@ -170,25 +167,48 @@ bool everSent(const TransferSession *s, uint32_t blk) {
   return st.count != 0 && st.blk == blk;
 }
 
-// One round over what is sent but unacknowledged fills the wire that would otherwise stand
-// idle until the client's next acknowledgement (up to 2 s away): at the end of the file, or
-// while a lost block at the base holds the window. It starts once the client has
-// acknowledged anything, and skips what was already resent since the last acknowledgement.
+// Rounds over what is sent but unacknowledged fill the wire that would otherwise stand idle
+// until the client's next acknowledgement (up to 2 s away): at the end of the file, or while a
+// lost block at the base holds the window. The client acknowledges after 256 blocks taken in,
+// duplicates included, so this many fill datagrams bring an acknowledgement even when some
+// are lost, where waiting would not; then the session waits. Filling starts once the client
+// has acknowledged anything; a round skips what was resent during it.
+constexpr uint32_t FILL_PER_ACK = 512;
+
 bool fillCandidate(const TransferSession *s, uint32_t blk) {
   const SendStamp &st = s->stamps[blk % KESTIL_WINDOW_BLOCKS];
-  return everSent(s, blk) && !acked(s, blk) && st.resentInRound != s->acksHeard + 1;
+  return everSent(s, blk) && !acked(s, blk) && st.resentInRound != s->fillRound;
+}
+
+bool pickFill(TransferSession *s, uint32_t end, uint32_t *blk) {
+  for (int attempt = 0; attempt < 2 && s->fillSentSinceAck < FILL_PER_ACK; ++attempt) {
+    s->fillNext = std::max(s->fillNext, s->tx.rxVec.blkNumBase);
+    while (s->fillNext < s->nextNew && s->fillNext < end && !fillCandidate(s, s->fillNext)) s->fillNext++;
+    if (s->fillNext < s->nextNew && s->fillNext < end) {
+      *blk = s->fillNext++;
+      s->fillSentInRound++;
+      s->fillSentSinceAck++;
+      return true;
+    }
+    if (s->fillSentInRound == 0) break;  // a round that found nothing: nothing to fill with
+    s->fillRound++;
+    s->fillSentInRound = 0;
+    s->fillNext = s->tx.rxVec.blkNumBase;
+  }
+  s->fillSpent = true;
+  return false;
 }
 
 // What goes out next, in this order: blocks known lost, the forward pass, the fill round.
 // False when nothing is sendable until an acknowledgement.
 bool pickNext(TransferSession *s, uint32_t *blk, bool *resend) {
   *resend = true;
-  if (s->sendCount - s->newestArrived >= MAX_IN_FLIGHT) return false;
   while (!s->lost.empty()) {
     uint32_t b = *s->lost.begin();
     s->lost.erase(s->lost.begin());
     if (!acked(s, b) && b < windowEnd(s)) {
       *blk = b;
+      s->fillSentInRound++;  // part of the round: the rounds go on with it
       return true;
     }
   }
@@ -201,30 +221,23 @@ bool pickNext(TransferSession *s, uint32_t *blk, bool *resend) {
     return true;
   }
   if (s->fillSpent || s->acksHeard == 0) return false;
-  s->fillNext = std::max(s->fillNext, s->tx.rxVec.blkNumBase);
-  while (s->fillNext < s->nextNew && s->fillNext < end && !fillCandidate(s, s->fillNext)) s->fillNext++;
-  if (s->fillNext < s->nextNew && s->fillNext < end) {
-    *blk = s->fillNext++;
-    return true;
-  }
-  s->fillSpent = true;
-  return false;
+  return pickFill(s, end, blk);
 }
 
 void pump(TransferService *svc, TransferSession *s, int64_t now) {
   s->pumpTimer = 0;
   double earned = s->paceBits * static_cast<double>(now - s->lastCreditUs) / 1e6;
   s->lastCreditUs = now;
-  // Credit saved while waiting for an acknowledgement is not spent in one burst later: at
-  // most 20 ms of the rate or a burst's worth, and never less than two full datagrams.
+  // A pump that runs late (a busy host) catches up on up to 200 ms of the rate, in bursts;
+  // credit is not saved across a wait for an acknowledgement (see resumeAfterAck).
   double fullBits = (static_cast<double>(s->tx.blkSize) + 5 + LINK_IP_UDP_OVERHEAD) * 8;
-  double cap = std::max(2.0 * fullBits, std::min(s->paceBits * 0.02, MAX_BURST_DATAGRAMS * fullBits));
+  double cap = std::max(2.0 * fullBits, s->paceBits * 0.2);
   s->credit = std::min(cap, s->credit + earned);
   uint8_t buf[KESTIL_MAX_DATAGRAM];
   s->passExhausted = false;
   // Each datagram is charged its own size on the wire, so short ones (the metadata, the last
   // block) leave room for more and the link is filled, not overrun.
-  while (s->credit > 0.0) {
+  for (int burst = 0; s->credit > 0.0 && burst < MAX_BURST_DATAGRAMS; ++burst) {
     uint32_t blk = 0;
     bool resend = false;
     if (!pickNext(s, &blk, &resend)) {
@@ -241,7 +254,7 @@ void pump(TransferService *svc, TransferSession *s, int64_t now) {
       break;
     }
     if (len > 0) send(svc, now, buf, static_cast<size_t>(len), s->peer);
-    s->stamps[blk % KESTIL_WINDOW_BLOCKS] = SendStamp{blk, ++s->sendCount, resend ? s->acksHeard + 1 : 0};
+    s->stamps[blk % KESTIL_WINDOW_BLOCKS] = SendStamp{blk, ++s->sendCount, resend ? s->fillRound : 0};
     s->credit -= static_cast<double>(std::max(len, 1) + LINK_IP_UDP_OVERHEAD) * 8;
   }
   if (!s->passExhausted) {
@@ -269,7 +282,6 @@ void detectLosses(TransferSession *s, uint32_t from) {
   for (uint32_t b = base; b < end; ++b) {
     if (!acked(s, b) && everSent(s, b) && s->stamps[b % KESTIL_WINDOW_BLOCKS].count < newestArrived) s->lost.insert(b);
   }
-  s->newestArrived = std::max(s->newestArrived, newestArrived);
 }
 
 // After an acknowledgement: losses it reveals go out first, the window may have moved on,
@@ -278,11 +290,15 @@ void resumeAfterAck(TransferService *svc, TransferSession *s, int64_t now, uint3
   detectLosses(s, baseBefore);
   s->acksHeard++;
   s->fillSpent = false;
+  s->fillRound++;
+  s->fillSentInRound = 0;
+  s->fillSentSinceAck = 0;
   s->fillNext = s->tx.rxVec.blkNumBase;
   if (s->passExhausted) {
     s->passExhausted = false;
     s->lastCreditUs = now;
-    s->credit = std::max(s->credit, 0.0);
+    double fullBits = (static_cast<double>(s->tx.blkSize) + 5 + LINK_IP_UDP_OVERHEAD) * 8;
+    s->credit = std::min(std::max(s->credit, 0.0), fullBits);
     schedulePump(svc, s, now);
   }
 }
@@ -681,7 +697,6 @@ void onRequest(TransferService *svc, const uint8_t *d, int len, const sockaddr_i
         s->lost.clear();
         std::fill(std::begin(s->stamps), std::end(s->stamps), SendStamp{});
         s->fillSpent = false;
-        s->newestArrived = s->sendCount;
         s->passExhausted = false;
         schedulePump(svc, s, now);
       } else {
