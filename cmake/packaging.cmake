@@ -4,6 +4,10 @@
 # the same tree.
 include(GNUInstallDirs)
 
+# Installing and packing take what is built (`make deb` builds first) instead of building
+# every target, tests included, on the way.
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY TRUE)
+
 # The program names of the command table: the executable picks its command from the name
 # it runs under, so each is a relative link that works under any prefix.
 set(KESTIL_COMMAND_NAMES
