@@ -109,7 +109,7 @@ local function dissect_piggyback(buf, tree)
     return "short acknowledgement"
   end
   local base_blk, missing = add_vecack(buf, t)
-  return string.format("ack base %u, %d missing", base_blk, missing)
+  return string.format("ack base %d, %d missing", base_blk, missing)
 end
 
 local function dissect_request(buf, tree, code)
@@ -133,13 +133,13 @@ local function dissect_qreport(buf, tree)
   local off = 9
   for _ = 1, n do
     if off + 9 > buf:len() then break end
-    local g = tree:add(p, buf(off, 9), string.format("Group %u", buf(off, 1):uint()))
+    local g = tree:add(p, buf(off, 9), string.format("Group %d", buf(off, 1):uint()))
     g:add(f.group, buf(off, 1))
     g:add(f.size_target, buf(off + 1, 4))
     g:add(f.entries_target, buf(off + 5, 4))
     off = off + 9
   end
-  local info = string.format("QREPORT %u group limits", n)
+  local info = string.format("QREPORT %d group limits", n)
   if off < buf:len() then info = info .. " [" .. dissect_piggyback(buf(off), tree) .. "]" end
   return info
 end
@@ -169,7 +169,7 @@ function p.dissector(buf, pinfo, tree)
   local need = min_len[code]
   if code >= 5 and code <= 8 then need = 1 + code - 4 end
   if need == nil then
-    info = string.format("unknown command %u", code)
+    info = string.format("unknown command %d", code)
   elseif buf:len() < need then
     t:add_proto_expert_info(ef_short)
     info = string.format("%s (short, %d bytes)", codes[code], buf:len())
@@ -180,7 +180,7 @@ function p.dissector(buf, pinfo, tree)
     local n = buf:len() - 1 - w
     if n > 0 then t:add(f.data, buf(1 + w)) end
     t:add(f.datalen, n > 0 and buf(1 + w) or buf(), n):set_generated()
-    info = string.format("DATA block %u, %d bytes", blk, n)
+    info = string.format("DATA block %d, %d bytes", blk, n)
   elseif code == 4 then
     t:add(f.block, buf(0, 1), 0):set_generated()
     t:add(f.reqid, buf(1, 4))
@@ -189,10 +189,10 @@ function p.dissector(buf, pinfo, tree)
     t:add(f.mtime_s, buf(9, 4))
     t:add(f.mtime_ns, buf(13, 4))
     t:add(f.md5, buf(17, 16))
-    info = string.format("METADATA size %u, md5 %s", buf(5, 4):uint(), tostring(buf(17, 16):bytes()):lower())
+    info = string.format("METADATA size %d, md5 %s", buf(5, 4):uint(), tostring(buf(17, 16):bytes()):lower())
   elseif code == 9 or code == 14 then
     local base_blk, missing = add_vecack(buf, t)
-    info = string.format("%s base %u, %d missing", codes[code], base_blk, missing)
+    info = string.format("%s base %d, %d missing", codes[code], base_blk, missing)
   elseif code == 1 or code == 2 or code == 10 then
     info = dissect_request(buf, t, code)
   elseif code == 11 then
@@ -240,7 +240,7 @@ function fm.dissector(buf, pinfo, tree)
     t:add(g.flags, buf(3, 1))
     local name = buf(4):stringz()
     t:add(g.name, buf(4, math.min(#name + 1, buf:len() - 4)))
-    info = string.format("%s %s group %u priority %u", info, name, buf(1, 1):uint(), buf(2, 1):uint())
+    info = string.format("%s %s group %d priority %d", info, name, buf(1, 1):uint(), buf(2, 1):uint())
   elseif (cmd == 0x11 or cmd == 0x13) and buf:len() >= 2 then
     t:add(g.result, buf(1, 1))
     info = string.format("%s result %d", info, buf(1, 1):int())
