@@ -23,11 +23,10 @@ std::vector<std::string> rows(const std::string &out) {
 }
 
 TEST(SimListing, EachFlagListsWhatItShouldAndLsreadPrintsTheSavedListing) {
-  std::string dir = kt::makeTempDir();
-  std::string x = simt::mkdirs(dir + "/root/x/d") + "/..";
+  simt::Served sim("127.0.7.40");
+  ASSERT_TRUE(sim.ready) << sim.err;
+  std::string x = simt::mkdirs(sim.root + "/x/d") + "/..";
   ASSERT_TRUE(kt::writeFile(x + "/b", "12345") && kt::writeFile(x + "/.h", "123") && kt::writeFile(x + "/d/c", "1234567"));
-  simt::Sim sim;
-  ASSERT_TRUE(simt::start(&sim, dir, {"--root", "root", "--addr", "127.0.7.40"})) << sim.err;
   const std::string b = "0        0        0        5        x/b";
   const std::string h = "0        0        0        3        x/.h";
   const std::string c = "0        0        0        7        x/d/c";
@@ -36,11 +35,11 @@ TEST(SimListing, EachFlagListsWhatItShouldAndLsreadPrintsTheSavedListing) {
       {"", {b, d}}, {"a", {h, b, d}}, {"r", {b, c}}, {"ar", {h, b, c}}};
   int run = 0;
   for (const auto &[flags, expected] : cases) {
-    std::string work = simt::mkdirs(dir + "/work" + std::to_string(run++));  // one saved listing each
-    kt::Result r = kt::run(work, "kestil-ls", {"-h", "127.0.7.40", "-t", "5", "-o", flags, "x"}, 30000);
+    std::string work = simt::mkdirs(sim.dir + "/work" + std::to_string(run++));  // one saved listing each
+    kt::Result r = sim.run(work, "kestil-ls", {"-t", "5", "-o", flags, "x"});
     EXPECT_EQ(r.status, 0) << r.out;
     EXPECT_EQ(rows(r.out), expected) << flags << ": " << r.out;
-    std::vector<std::string> saved = simt::entries(work);
+    std::vector<std::string> saved = kt::namesStartingWith(work, "");
     ASSERT_EQ(saved.size(), 1u);
     kt::Result again = kt::run(work, "kestil-lsread", {saved[0]}, 10000);
     EXPECT_EQ(again.status, 0);
@@ -48,7 +47,7 @@ TEST(SimListing, EachFlagListsWhatItShouldAndLsreadPrintsTheSavedListing) {
     EXPECT_EQ(rows(again.out), expected);
   }
   for (const char *outside : {"..", "/", "x/../../", "missing"}) {
-    kt::Result r = kt::run(dir, "kestil-ls", {"-h", "127.0.7.40", "-t", "5", outside}, 30000);
+    kt::Result r = sim.run(sim.dir, "kestil-ls", {"-t", "5", outside});
     EXPECT_EQ(r.status, 0) << outside << r.out;
     EXPECT_EQ(r.out.find(HEADER), std::string::npos) << outside << r.out;
     EXPECT_NE(r.out.find("Received file dirlisting."), std::string::npos) << outside << r.out;

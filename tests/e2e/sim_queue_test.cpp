@@ -21,19 +21,13 @@ std::vector<std::string> table(const std::string &out) {
 }
 
 TEST(SimQueue, FileManagerRequestsAndReportsWithLimitsAndRemoval) {
-  std::string dir = kt::makeTempDir();
-  std::string q = simt::mkdirs(dir + "/root/q");
+  simt::Served sim("127.0.7.50", {"--queue", "queue.dat"});
+  ASSERT_TRUE(sim.ready) << sim.err;
+  std::string q = simt::mkdirs(sim.root + "/q");
   ASSERT_TRUE(kt::writeFile(q + "/one", std::string(10, 'a')) && kt::writeFile(q + "/two", std::string(20, 'b')) &&
               kt::writeFile(q + "/three", std::string(30, 'c')));
-  const std::string addr = "127.0.7.50";
-  const std::vector<std::string> simArgs = {"--root", "root", "--addr", addr, "--queue", "queue.dat"};
-  simt::Sim sim;
-  ASSERT_TRUE(simt::start(&sim, dir, simArgs)) << sim.err;
-  auto cmd = [&](const std::string &argv0, std::vector<std::string> args) {
-    if (argv0 != "filemgr-status") args.insert(args.begin(), {"-h", addr});
-    return kt::run(dir, argv0, args, 30000);
-  };
-  EXPECT_EQ(cmd("filemgr-status", {addr}).status, 0);
+  auto cmd = [&](const std::string &argv0, std::vector<std::string> args) { return sim.run(sim.dir, argv0, args); };
+  EXPECT_EQ(kt::run(sim.dir, "filemgr-status", {sim.addr}, 10000).status, 0);
   for (auto [group, prio, name] : {std::tuple{"3", "2", "q/two"}, {"3", "1", "q/one"}, {"5", "0", "q/three"}}) {
     kt::Result r = cmd("dlq-add", {"-g", group, "-p", prio, name});
     EXPECT_EQ(r.status, 0);
@@ -62,8 +56,7 @@ TEST(SimQueue, FileManagerRequestsAndReportsWithLimitsAndRemoval) {
   EXPECT_EQ(cmd("dlq-rm", {"-g", "5", "q/three"}).status, 0);
 
   // What is left survives a restart through the data file.
-  EXPECT_EQ(sim.stop(), 0);
-  ASSERT_TRUE(simt::start(&sim, dir, simArgs)) << sim.err;
+  ASSERT_TRUE(sim.restart()) << sim.err;
   EXPECT_EQ(table(cmd("kestil-report", {"-t", "5"}).out), std::vector<std::string>{two});
 }
 

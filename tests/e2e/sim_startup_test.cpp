@@ -1,7 +1,5 @@
 // What kestil-sim says when it cannot start, and that it stops cleanly on SIGINT.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 
 #include "tests/support/sim_process.hpp"
 
@@ -17,7 +15,7 @@ TEST(SimStartup, BadOptionsPortsInUseAndUnservableRootsAreNamed) {
       {{"--root", "no-such-dir", "--addr", "127.0.7.62"}, 1, "kestil-sim: cannot serve no-such-dir: No such file or directory\n"},
   };
   for (const auto &[args, status, err] : cases) {
-    kt::Result r = simt::runToEnd(dir, args, 5000);
+    kt::Result r = kt::run(dir, "kestil-sim", args, 5000, KESTIL_SIM_BIN);
     EXPECT_EQ(r.status, status) << args[0];
     EXPECT_EQ(r.err.substr(0, err.size()), err);
   }
@@ -26,11 +24,7 @@ TEST(SimStartup, BadOptionsPortsInUseAndUnservableRootsAreNamed) {
 TEST(SimStartup, StopsWithStatusZeroOnSigint) {
   simt::Sim sim;
   ASSERT_TRUE(simt::start(&sim, kt::makeTempDir(), {"--addr", "127.0.7.63"})) << sim.err;
-  kill(sim.pid, SIGINT);
-  int st = 0;
-  ASSERT_TRUE(simt::eventually([&] { return waitpid(sim.pid, &st, WNOHANG) == sim.pid; }, 5000));
-  sim.pid = -1;
-  EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0);
+  EXPECT_EQ(sim.stop(SIGINT), 0);
 }
 
 }  // namespace

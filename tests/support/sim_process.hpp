@@ -1,16 +1,11 @@
-// Runs kestil-sim for an end-to-end test: started on the test's own loopback address,
-// ready once it has printed its listening line, stopped with SIGTERM; every wait bounded.
+// Runs kestil-sim for an end-to-end test: started on the test's own loopback address, ready
+// once it has printed its listening line, stopped with SIGTERM; every wait bounded.
 #pragma once
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -22,117 +17,66 @@
 
 namespace simt {
 
-using kt::nowMs;
-
 // Waits, bounded, until `pred` holds.
 template <typename Pred>
-bool eventually(Pred pred, int timeoutMs, int stepUs = 5000) {
-  for (long long deadline = nowMs() + timeoutMs; !pred();) {
-    if (nowMs() > deadline) return false;
-    usleep(static_cast<useconds_t>(stepUs));
-  }
+bool eventually(Pred pred, int timeoutMs) {
+  for (long long deadline = kt::nowMs() + timeoutMs; !pred(); usleep(5000))
+    if (kt::nowMs() > deadline) return false;
   return true;
 }
 
-struct Sim {
-  pid_t pid = -1;
-  int errFd = -1;
-  std::string err;        // its standard error so far
-  std::string tracePath;  // its standard output: the trace with -v
+inline std::string mkdirs(const std::string &path) {
+  std::filesystem::create_directories(path);
+  return path;
+}
 
+// A running kestil-sim: `err` is its standard error, its standard output is the trace (-v).
+struct Sim {
+  kt::Child child;
+  kt::Result end;  // once stopped
+  std::string err;
   Sim() = default;
   Sim(const Sim &) = delete;
   Sim &operator=(const Sim &) = delete;
   ~Sim() { stop(); }
-
-  // Reads standard error until it holds a whole line (or, with `toEnd`, until it closes), or
-  // until the deadline.
-  void readErr(int timeoutMs, bool toEnd = false) {
-    for (long long deadline = nowMs() + timeoutMs; errFd >= 0 && (toEnd || err.find('\n') == std::string::npos);) {
-      long long left = deadline - nowMs();
-      pollfd p{errFd, POLLIN, 0};
-      if (left <= 0 || poll(&p, 1, static_cast<int>(left)) <= 0) return;
-      char buf[512];
-      ssize_t n = read(errFd, buf, sizeof buf);
-      if (n <= 0) {
-        close(errFd);
-        errFd = -1;
-      } else {
-        err.append(buf, static_cast<size_t>(n));
-      }
-    }
+  std::string trace() const { return child.pid >= 0 ? kt::readFile(child.outPath) : end.out; }
+  // Sends `sig` and waits for the exit: its status, or -1 if it had to be killed.
+  int stop(int sig = SIGTERM) {
+    if (child.pid < 0) return -1;
+    kill(child.pid, sig);
+    end = kt::finish(child, 5000);
+    err = end.err;
+    return end.status;
   }
-  // Waits for the exit (after `sig`, unless 0); the exit status, or -1 if it had to be killed.
-  int wait(int sig, int timeoutMs = 5000) {
-    if (pid < 0) return -1;
-    if (sig != 0) kill(pid, sig);
-    int st = 0;
-    if (!eventually([&] { return waitpid(pid, &st, WNOHANG) == pid; }, timeoutMs, 2000)) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &st, 0);
-      st = -1;
-    }
-    pid = -1;
-    readErr(200, true);
-    if (errFd >= 0) close(errFd);
-    errFd = -1;
-    return st >= 0 && WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-  }
-  int stop() { return wait(SIGTERM); }
 };
 
-// Starts kestil-sim in `cwd`; its trace goes to cwd/sim-trace.txt. True once it listens.
-inline bool start(Sim *sim, const std::string &cwd, const std::vector<std::string> &args, int timeoutMs = 5000) {
-  int pipeFds[2];
-  if (pipe2(pipeFds, O_CLOEXEC) != 0) return false;
-  sim->tracePath = cwd + "/sim-trace.txt";
-  sim->err.clear();
-  sim->pid = fork();
-  if (sim->pid == 0) {
-    int out = open(sim->tracePath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (chdir(cwd.c_str()) != 0 || out < 0) _exit(127);
-    dup2(out, 1);
-    dup2(pipeFds[1], 2);
-    std::vector<char *> argv = {const_cast<char *>("kestil-sim")};
-    for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(KESTIL_SIM_BIN, argv.data());
-    _exit(127);
-  }
-  close(pipeFds[1]);
-  sim->errFd = pipeFds[0];
-  sim->readErr(timeoutMs);
+// Starts kestil-sim in `cwd`; true once it says it serves or relays.
+inline bool start(Sim *sim, const std::string &cwd, const std::vector<std::string> &args) {
+  sim->child = kt::start(cwd, "kestil-sim", args, KESTIL_SIM_BIN);
+  eventually([&] {
+    sim->err = kt::readFile(sim->child.errPath);
+    return sim->err.find('\n') != std::string::npos || kt::childEnded(sim->child.pid);
+  }, 5000);
   return sim->err.starts_with("kestil-sim: serving") || sim->err.starts_with("kestil-sim: relaying");
 }
 
-// Runs kestil-sim to its own end (option and set-up errors).
-inline kt::Result runToEnd(const std::string &cwd, const std::vector<std::string> &args, int timeoutMs) {
-  Sim sim;
-  start(&sim, cwd, args, timeoutMs);
-  kt::Result r;
-  r.status = sim.wait(0, timeoutMs);
-  r.err = sim.err;
-  return r;
-}
 
-// The names in a directory, sorted, without "." and "..".
-inline std::vector<std::string> entries(const std::string &dir) {
-  std::vector<std::string> names;
-  if (DIR *d = opendir(dir.c_str())) {
-    while (dirent *e = readdir(d)) {
-      if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") names.push_back(e->d_name);
-    }
-    closedir(d);
+// kestil-sim serving dir/root on `addr` (port 3223, file manager 3224) with `extra` options;
+// `ready` once it listens. `run` runs a command against it in `cwd`.
+struct Served : Sim {
+  std::string dir = kt::makeTempDir(), root = mkdirs(dir + "/root");
+  std::string addr;
+  std::vector<std::string> args;
+  bool ready = false;
+  Served(const char *ip, std::vector<std::string> extra = {}) : addr(ip), args(std::move(extra)) {
+    args.insert(args.begin(), {"--root", "root", "--addr", addr});
+    ready = start(this, dir, args);
   }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-inline std::string mkdirs(const std::string &path) {
-  for (size_t i = 1; i <= path.size(); ++i) {
-    if (i == path.size() || path[i] == '/') mkdir(path.substr(0, i).c_str(), 0755);
+  bool restart() { return stop() == 0 && start(this, dir, args); }
+  kt::Result run(const std::string &cwd, const std::string &command, std::vector<std::string> a, int ms = 30000) {
+    a.insert(a.begin(), {"-h", addr});
+    return kt::run(cwd, command, a, ms);
   }
-  return path;
-}
+};
 
 }  // namespace simt

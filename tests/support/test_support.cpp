@@ -9,10 +9,11 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 #include <zlib.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,9 +27,8 @@
 namespace kt {
 
 long long nowMs() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
 bool childEnded(pid_t pid) {
@@ -81,7 +81,7 @@ int UdpPeer::send(const void *buf, int len, const sockaddr_in &to) {
   return static_cast<int>(sendto(fd_, buf, static_cast<size_t>(len), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to));
 }
 
-Child start(const std::string &cwd, const std::string &argv0, const std::vector<std::string> &args) {
+Child start(const std::string &cwd, const std::string &argv0, const std::vector<std::string> &args, const char *exe) {
   Child child;
   static int serial = 0;
   std::string stem = cwd + "/.kt-run-" + std::to_string(getpid()) + "-" + std::to_string(serial++);
@@ -101,7 +101,7 @@ Child start(const std::string &cwd, const std::string &argv0, const std::vector<
     argv.push_back(const_cast<char *>(argv0.c_str()));
     for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
     argv.push_back(nullptr);
-    execv(KESTIL_BIN, argv.data());
+    execv(exe != nullptr ? exe : KESTIL_BIN, argv.data());
     _exit(127);
   }
   child.pid = pid;
@@ -110,18 +110,16 @@ Child start(const std::string &cwd, const std::string &argv0, const std::vector<
 
 Result finish(Child &child, int timeoutMs) {
   Result r;
+  if (child.pid <= 0) return r;  // never started, or already collected
   long long deadline = nowMs() + timeoutMs;
   int status = 0;
-  for (;;) {
-    pid_t done = waitpid(child.pid, &status, WNOHANG);
-    if (done == child.pid) break;
+  for (; waitpid(child.pid, &status, WNOHANG) != child.pid; usleep(2000)) {
     if (nowMs() > deadline) {
       kill(child.pid, SIGKILL);
       waitpid(child.pid, &status, 0);
       r.timedOut = true;
       break;
     }
-    usleep(2000);
   }
   if (WIFEXITED(status)) r.status = WEXITSTATUS(status);
   if (WIFSIGNALED(status)) r.signal = WTERMSIG(status);
@@ -133,18 +131,16 @@ Result finish(Child &child, int timeoutMs) {
   return r;
 }
 
-Result run(const std::string &cwd, const std::string &argv0, const std::vector<std::string> &args, int timeoutMs) {
-  Child child = start(cwd, argv0, args);
+Result run(const std::string &cwd, const std::string &argv0, const std::vector<std::string> &args, int timeoutMs,
+           const char *exe) {
+  Child child = start(cwd, argv0, args, exe);
   return finish(child, timeoutMs);
 }
 
 std::string makeTempDir() {
   const char *base = std::getenv("TMPDIR");
   std::string templ = std::string(base != nullptr ? base : "/tmp") + "/kestil-test-XXXXXX";
-  std::vector<char> buf(templ.begin(), templ.end());
-  buf.push_back('\0');
-  char *made = mkdtemp(buf.data());
-  return made != nullptr ? std::string(made) : std::string();
+  return mkdtemp(templ.data()) != nullptr ? templ : std::string();
 }
 
 std::string readFile(const std::string &path) {
@@ -191,18 +187,17 @@ std::string md5Hex(const std::string &content) {
 }
 
 std::vector<uint8_t> bytes(std::initializer_list<int> list) {
-  std::vector<uint8_t> v;
-  for (int b : list) v.push_back(static_cast<uint8_t>(b));
-  return v;
+  return std::vector<uint8_t>(list.begin(), list.end());
 }
 
 std::vector<std::string> namesStartingWith(const std::string &dir, const std::string &prefix) {
   std::vector<std::string> names;
   if (DIR *d = opendir(dir.c_str())) {
     while (dirent *e = readdir(d))
-      if (std::string(e->d_name).rfind(prefix, 0) == 0) names.push_back(e->d_name);
+      if (std::string n = e->d_name; n != "." && n != ".." && n.starts_with(prefix)) names.push_back(n);
     closedir(d);
   }
+  std::sort(names.begin(), names.end());
   return names;
 }
 

@@ -52,13 +52,14 @@ struct Child {
   std::string errPath;
 };
 
-// Starts the kestil executable in `cwd` as argv0 (a command name such as "kestil-get", or
-// "kestil" for first-argument dispatch) with `args`.
-Child start(const std::string &cwd, const std::string &argv0, const std::vector<std::string> &args);
+// Starts `exe` (the kestil executable unless given) in `cwd` as argv0 (a command name such as
+// "kestil-get", or "kestil" for first-argument dispatch) with `args`.
+Child start(const std::string &cwd, const std::string &argv0, const std::vector<std::string> &args,
+            const char *exe = nullptr);
 // Waits up to timeoutMs for the child to end (SIGKILL after that) and collects its output.
 Result finish(Child &child, int timeoutMs);
 Result run(const std::string &cwd, const std::string &argv0, const std::vector<std::string> &args,
-           int timeoutMs);
+           int timeoutMs, const char *exe = nullptr);
 
 long long nowMs();  // monotonic clock
 // True once the child has ended; it stays unreaped for finish().
@@ -74,7 +75,7 @@ std::string patternBytes(size_t size, uint32_t seed);
 std::string md5Hex(const std::string &content);
 std::string md5Raw(const std::string &content);  // the 16 digest bytes
 std::vector<uint8_t> bytes(std::initializer_list<int> list);
-// The names in `dir` that start with `prefix`, in directory order.
+// The names in `dir` that start with `prefix` ("" for all), sorted, without "." and "..".
 std::vector<std::string> namesStartingWith(const std::string &dir, const std::string &prefix);
 
 // One listing record's bytes (big-endian length and size, group, priority, flags, name, NUL)
