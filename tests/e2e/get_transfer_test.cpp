@@ -15,30 +15,15 @@ const std::vector<uint8_t> META = kt::metadataDatagram(CONTENT.size(), MD5);
 // Blocks 0-30 held: the window stops at 24, whose byte has blocks 24-30 (1111 1110).
 const std::vector<uint8_t> COMPLETE_ACK = kt::bytes({9, 0, 0, 0, 24, 0xFE});
 
-std::vector<uint8_t> getRequest(const std::string &name, uint8_t flags = 0) {
-  std::vector<uint8_t> r{10, flags, 0x00, 0x8D, 0, 0, 0, 1};
-  r.insert(r.end(), name.begin(), name.end());
-  r.push_back(0);
-  return r;
-}
-
 std::string ending(const std::string &verdict) {
   return "MD5 time!\nclient done\n" + verdict + "\nElapsed time: T A\nWaiting for satellite to stop spamming...\n";
-}
-
-// The last seven acknowledgements are `expected`, 300 ms apart.
-void expectClosing(const std::vector<std::vector<uint8_t>> &acks, const std::vector<long long> &ms,
-                   const std::vector<uint8_t> &expected) {
-  ASSERT_GE(acks.size(), 7u);
-  for (size_t i = acks.size() - 7; i < acks.size(); ++i) EXPECT_EQ(acks[i], expected) << i;
-  EXPECT_GE(ms.back() - ms[ms.size() - 7], 1700);
 }
 
 }  // namespace
 
 TEST(GetDownload, CleanDownloadIgnoresMalformedAndRepeatedDatagrams) {
   kt::RemoteRun run("127.0.5.1", "kestil-get", {"-c", "/data/a.bin"});
-  EXPECT_EQ(run.recv(), getRequest("/data/a.bin", 4));
+  EXPECT_EQ(run.recv(), kt::request(10, 4, "/data/a.bin"));
   std::vector<uint8_t> overlong = kt::blockDatagram(std::string(5000, 'X'), 2);
   overlong.resize(146, 'X');  // one byte too long for a 141-byte block: must not overwrite block 2
   for (auto junk : {std::vector<uint8_t>(META.begin(), META.end() - 1), kt::metadataDatagram(1, MD5, 2),
@@ -58,18 +43,13 @@ TEST(GetDownload, CleanDownloadIgnoresMalformedAndRepeatedDatagrams) {
   EXPECT_EQ(kt::readFile(run.dir + "/a.bin"), CONTENT);
   EXPECT_FALSE(kt::exists(run.dir + "/.a.bin.kestil_state"));
   EXPECT_TRUE(seen.requests.empty());
-  expectClosing(seen.acks, seen.ackMs, COMPLETE_ACK);
+  kt::expectClosing(seen.acks, seen.ackMs, COMPLETE_ACK);
 }
 
 TEST(GetDownload, LostMetadataAndBlocksAreRecoveredThroughAcknowledgements) {
   std::string content = kt::patternBytes(40 * 141 - 17, 2);
   kt::RemoteRun run("127.0.5.2", "kestil-get", {"-t", "10", "lossy.bin"});
-  kt::ServeOptions o;
-  o.dropPercent = 25;
-  o.seed = 3;
-  o.dropMetadata = 1;
-  o.blocksOnRepeat = false;
-  kt::Served seen = run.serve(content, o);
+  kt::Served seen = run.serve(content, {.dropPercent = 25, .seed = 3, .dropMetadata = 1, .blocksOnRepeat = false});
   kt::Result r = run.finish();
 
   EXPECT_EQ(r.status, 0);
@@ -77,7 +57,7 @@ TEST(GetDownload, LostMetadataAndBlocksAreRecoveredThroughAcknowledgements) {
   ASSERT_FALSE(seen.dropped.empty());
   // Without the metadata the request goes out again after a second of silence.
   ASSERT_GE(seen.requests.size(), 2u);
-  EXPECT_EQ(seen.requests[1], getRequest("lossy.bin"));
+  EXPECT_EQ(seen.requests[1], kt::request(10, 0, "lossy.bin"));
   // The first acknowledgement misses exactly the lost blocks: those before the metadata were kept.
   ASSERT_FALSE(seen.acks.empty());
   for (uint32_t b = 0; b <= 40; ++b)
@@ -98,7 +78,7 @@ TEST(GetDownload, LaterDifferentMetadataReplacesTheDigestAndFailsIt) {
   EXPECT_EQ(kt::plainOut(r.out), "File is 4230 bytes!\n" + ending("Checksum failed on d.bin..."));
   EXPECT_FALSE(kt::exists(run.dir + "/d.bin"));
   EXPECT_FALSE(kt::exists(run.dir + "/.d.bin.kestil_state"));
-  expectClosing(seen.acks, seen.ackMs, COMPLETE_ACK);
+  kt::expectClosing(seen.acks, seen.ackMs, COMPLETE_ACK);
 }
 
 TEST(GetDownload, ForeignMetadataIsRefusedAndForeignBlocksFailTheDigest) {
@@ -131,7 +111,7 @@ TEST(GetDownload, ErrorReportEndsWithStatus14AndKeepsBothFiles) {
   };
   for (const Case &k : cases) {
     kt::RemoteRun run("127.0.5.5", "kestil-get", {"e.bin"});
-    EXPECT_EQ(run.recv(), getRequest("e.bin"));
+    EXPECT_EQ(run.recv(), kt::request(10, 0, "e.bin"));
     run.send(k.report);
     kt::Result r = run.finish();
     EXPECT_EQ(r.status, 14);
@@ -142,25 +122,23 @@ TEST(GetDownload, ErrorReportEndsWithStatus14AndKeepsBothFiles) {
 }
 
 TEST(GetDownload, SilenceEndsAtTheIdleLimitWithSevenClosingAcks) {
-  kt::ServeOptions silent;
-  silent.answer = false;
   // -t 0: the first idle tick ends it. The size is unknown: one vector byte.
   kt::RemoteRun zero("127.0.5.6", "kestil-get", {"-t", "0", "z.bin"});
-  kt::Served s0 = zero.serve("", silent);
+  kt::Served s0 = zero.serve("", {.answer = false});
   kt::Result r0 = zero.finish();
   EXPECT_EQ(r0.status, 13);
   EXPECT_EQ(r0.out, "\nWaiting for satellite to stop spamming...\n");
   EXPECT_EQ(s0.requests.size(), 1u);
   EXPECT_EQ(s0.finals.size(), 7u);
-  expectClosing(s0.finals, s0.finalMs, kt::bytes({14, 0, 0, 0, 0, 0}));
+  kt::expectClosing(s0.finals, s0.finalMs, kt::bytes({14, 0, 0, 0, 0, 0}));
   EXPECT_TRUE(kt::exists(zero.dir + "/.z.bin.kestil_state"));
 
   // -t 3: six idle ticks; the request goes out at the start and after ticks 2 and 4.
   kt::RemoteRun three("127.0.5.8", "kestil-get", {"-t", "3", "-L", "r.bin"});
-  kt::Served s3 = three.serve("", silent);
+  kt::Served s3 = three.serve("", {.answer = false});
   EXPECT_EQ(three.finish().status, 13);
   ASSERT_EQ(s3.requests.size(), 3u);
-  for (const auto &req : s3.requests) EXPECT_EQ(req, getRequest("r.bin", 8));
+  for (const auto &req : s3.requests) EXPECT_EQ(req, kt::request(10, 8, "r.bin"));
   EXPECT_EQ(s3.finals.size(), 7u);
 }
 
@@ -174,9 +152,7 @@ TEST(GetDownload, InterruptEndsIncompleteWithZeroPaddedFileKept) {
   std::vector<uint8_t> ack = run.recvCode(9);
   ASSERT_TRUE(kt::ackHas(ack.data(), ack.size(), 10));
   kill(run.child.pid, SIGINT);
-  kt::ServeOptions silent;
-  silent.answer = false;
-  kt::Served seen = run.serve(CONTENT, silent);
+  kt::Served seen = run.serve(CONTENT, {.answer = false});
   EXPECT_EQ(run.finish().status, 13);
   EXPECT_EQ(seen.finals.size(), 7u);
   // -z gave the file the remote length at the metadata; both files stay for a resume.

@@ -15,7 +15,7 @@ TEST(LsFetch, ListingIsReceivedKeptAndPrinted) {
 
   EXPECT_EQ(r.status, 0);
   ASSERT_EQ(seen.requests.size(), 1u);
-  EXPECT_EQ(seen.requests[0], kt::bytes({2, 3, 0x00, 0x8D, 0, 0, 0, 1, '/', 'd', 'a', 't', 'a', '/', 'i', 'm', 'g', 0}));
+  EXPECT_EQ(seen.requests[0], kt::request(2, 3, "/data/img"));
   std::vector<std::string> kept = kt::namesStartingWith(run.dir, "dirlisting.");
   ASSERT_EQ(kept.size(), 1u);
   EXPECT_TRUE(std::regex_match(kept[0], std::regex(R"(dirlisting\.\d{4}-\d\d-\d\d_\d\d:\d\d:\d\d\.\w{6})")));
@@ -34,9 +34,7 @@ TEST(LsFetch, ListingIsReceivedKeptAndPrinted) {
 
 TEST(LsFetch, TimedOutFetchRemovesTheListingAndKeepsItsState) {
   kt::RemoteRun run("127.0.5.21", "kestil-ls", {"-t", "1", "-o", "x", "/d"});
-  kt::ServeOptions silent;
-  silent.answer = false;
-  kt::Served seen = run.serve("", silent);
+  kt::Served seen = run.serve("", {.answer = false});
   kt::Result r = run.finish();
 
   EXPECT_EQ(r.status, 1);

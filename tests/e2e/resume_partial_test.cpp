@@ -26,7 +26,8 @@ TEST(ResumeDownload, StopLengthEndsIncompleteAndResumeCompletes) {
   EXPECT_EQ(kt::readFile(first.dir + "/a.bin"), content);
   EXPECT_FALSE(kt::exists(first.dir + "/.a.bin.kestil_state"));
   // The remote name comes from the record; the acknowledgement of what is held rides along.
-  std::vector<uint8_t> request = kt::bytes({10, 0, 0x00, 0x8D, 0, 0, 0, 1, '/', 'd', '/', 'a', '.', 'b', 'i', 'n', 0, 9});
+  std::vector<uint8_t> request = kt::request(10, 0, "/d/a.bin");
+  request.push_back(9);
   request.insert(request.end(), held.begin(), held.end());
   ASSERT_FALSE(s2.requests.empty());
   EXPECT_EQ(s2.requests[0], request);

@@ -3,6 +3,8 @@
 // missing, and records what the client sent.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -21,6 +23,14 @@ constexpr uint32_t SERVE_BLOCK = 141;
 
 inline void putBe32(std::vector<uint8_t> &v, uint32_t x) {
   for (int s = 24; s >= 0; s -= 8) v.push_back(static_cast<uint8_t>(x >> s));
+}
+
+// A request as the client sends it: code, flags, block size 141, request 1, the name, NUL.
+inline std::vector<uint8_t> request(uint8_t code, uint8_t flags, const std::string &name) {
+  std::vector<uint8_t> r{code, flags, 0, 0x8D, 0, 0, 0, 1};
+  for (char c : name) r.push_back(static_cast<uint8_t>(c));
+  r.push_back(0);
+  return r;
 }
 
 inline std::vector<uint8_t> metadataDatagram(size_t size, const std::string &md5, uint32_t reqId = 1) {
@@ -73,6 +83,14 @@ struct Served {
   std::vector<long long> ackMs, finalMs;                     // when each arrived
   std::set<uint32_t> dropped;
 };
+
+// The last seven of `acks` are `expected`, 300 ms apart: the closing round.
+inline void expectClosing(const std::vector<std::vector<uint8_t>> &acks, const std::vector<long long> &ms,
+                          const std::vector<uint8_t> &expected) {
+  ASSERT_GE(acks.size(), 7u);
+  for (size_t i = acks.size() - 7; i < acks.size(); ++i) EXPECT_EQ(acks[i], expected) << i;
+  EXPECT_GE(ms.back() - ms[ms.size() - 7], 1700);
+}
 
 // Serves `content` to whichever client writes, until `client` has ended (at most 30 s).
 inline Served serveFile(UdpPeer &peer, pid_t client, const std::string &content, const ServeOptions &o = {}) {
