@@ -19,12 +19,8 @@ namespace {
 struct Upload : kt::RemoteRun {
   std::string content;
   Upload(const char *ip, size_t size, std::vector<std::string> args, const std::string &local = "f.bin")
-      : RemoteRun(ip, "kestil-put", withName(args, local), {{local, kt::patternBytes(size, uint32_t(size))}}),
+      : RemoteRun(ip, "kestil-put", (args.push_back(local), args), {{local, kt::patternBytes(size, uint32_t(size))}}),
         content(kt::patternBytes(size, uint32_t(size))) {}
-  static std::vector<std::string> withName(std::vector<std::string> args, const std::string &local) {
-    args.push_back(local);
-    return args;
-  }
 };
 
 // The output before the statistics line, which must end it.
