@@ -53,6 +53,11 @@ bool looksLikeHostName(std::string_view host) {
 int socket_init(int port) {
   int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (s < 0) return -1;
+  // The receive loop takes one datagram per pass; a buffer of some thousands of them rides out
+  // the moments a busy host does not schedule it, where the default (a few hundred) overflows
+  // and every lost block costs a resend. The kernel caps the size at net.core.rmem_max.
+  int rcvbuf = SOCKET_RCVBUF_BYTES;
+  (void)setsockopt(s, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
   sockaddr_in local{};
   local.sin_family = AF_INET;
   local.sin_addr.s_addr = htonl(INADDR_ANY);

@@ -10,6 +10,8 @@
 // UDP port of the on-board "filemgr" service.
 constexpr unsigned short STATION_FILEMGR_PORT = 3224;
 
+// Receive buffer asked for on every socket_init socket (the kernel may grant less).
+constexpr int SOCKET_RCVBUF_BYTES = 2 << 20;
 // A UDP socket bound to `port` on any address (0: any free port); -1 on failure.
 int socket_init(int port);
 // One datagram into `buf`; the sender goes to `from`. Returns the byte count, or -1.
