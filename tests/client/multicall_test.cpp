@@ -39,26 +39,19 @@ TEST(Multicall, UsageListWhenNoCommandIsSelected) {
   for (const auto &[argv0, args] : std::vector<std::pair<std::string, std::vector<std::string>>>{
            {"kestil", {}}, {"/usr/local/bin/kestil", {}}, {"kestil", {"kestil-put"}}, {"kestil", {"Progress"}},
            {"kestil-Progress", {}}}) {
-    const kt::Result r = kt::run(dir, argv0, args, RUN_MS);
-    EXPECT_EQ(r.status, 0) << argv0;
-    EXPECT_EQ(r.out, USAGE) << argv0;
-    EXPECT_EQ(r.err, "") << argv0;
+    EXPECT_EQ(kt::shown(kt::run(dir, argv0, args, RUN_MS)), (kt::Shown{0, USAGE, ""})) << argv0;
   }
 }
 
 TEST(Multicall, ProgramNameBeatsTheFirstArgumentWhichShiftsTheArguments) {
   const std::string dir = kt::makeTempDir();
-  const std::string noState = "State file is .ls.kestil_state\nFile name: .ls.kestil_state\n";
+  const kt::Shown noState{1, "State file is .ls.kestil_state\nFile name: .ls.kestil_state\n",
+                          "state file doesn't exist: No such file or directory\n"};
   // Under the name kestil-progress, "ls" is the file whose progress is asked for.
-  kt::Result r = kt::run(dir, "/some/dir/kestil-progress", {"ls"}, RUN_MS);
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, noState);
-  EXPECT_EQ(r.err, "state file doesn't exist: No such file or directory\n");
+  EXPECT_EQ(kt::shown(kt::run(dir, "/some/dir/kestil-progress", {"ls"}, RUN_MS)), noState);
   // By first argument the handler sees the command word as its argv[0].
-  EXPECT_EQ(kt::run(dir, "anything", {"progress", "ls"}, RUN_MS).out, noState);
-  r = kt::run(dir, "kestil", {"progress"}, RUN_MS);
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "Usage: progress <file>\n");
+  EXPECT_EQ(kt::shown(kt::run(dir, "anything", {"progress", "ls"}, RUN_MS)), noState);
+  EXPECT_EQ(kt::shown(kt::run(dir, "kestil", {"progress"}, RUN_MS)), (kt::Shown{0, "Usage: progress <file>\n", ""}));
 }
 
 }  // namespace

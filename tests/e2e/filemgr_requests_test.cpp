@@ -64,8 +64,7 @@ TEST(FilemgrQueue, RequestsAndEachKindOfAnswer) {
       args.insert(args.begin() + 1, {"-h", c.ip});
     Exchange x = ask(c.ip, args, c.answer);
     EXPECT_EQ(x.request, c.request) << c.ip;
-    EXPECT_EQ(x.result.out, c.out) << c.ip;
-    EXPECT_EQ(x.result.status, c.status) << c.ip;
+    EXPECT_EQ(kt::shown(x.result), (kt::Shown{c.status, c.out, ""})) << c.ip;
   }
 }
 
@@ -76,18 +75,14 @@ TEST(FilemgrQueue, NameLengthLimitAndUsage) {
   EXPECT_EQ(x.result.status, 0);
 
   const std::string over(1495, 'n');
-  kt::Result r = kt::run(kt::makeTempDir(), "dlq-add", {"-h", "127.0.6.67", over}, RUN_MS);
-  EXPECT_EQ(r.out, "File name " + over + " too long\n");
-  EXPECT_EQ(r.status, 255);
-
-  r = kt::run(kt::makeTempDir(), "dlq-rm", {"-p", "1", "f"}, RUN_MS);
-  EXPECT_EQ(r.out, USAGE);
-  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(kt::shown(kt::run(kt::makeTempDir(), "dlq-add", {"-h", "127.0.6.67", over}, RUN_MS)),
+            (kt::Shown{255, "File name " + over + " too long\n", ""}));
+  EXPECT_EQ(kt::shown(kt::run(kt::makeTempDir(), "dlq-rm", {"-p", "1", "f"}, RUN_MS)),
+            (kt::Shown{0, USAGE, "dlq-rm: invalid option -- 'p'\n"}));
 }
 
 TEST(FilemgrQueue, SilentFileManagerEndsWithTheExchangeResult) {
   Exchange x = ask("127.0.6.68", {"qadd", "-h", "127.0.6.68", "f"}, {});
   EXPECT_EQ(x.request, queueOp(0x10, 0, 0, "f"));
-  EXPECT_EQ(x.result.out, "");
-  EXPECT_EQ(x.result.status, 255);  // the exchange's -1 after its 5 s wait
+  EXPECT_EQ(kt::shown(x.result), (kt::Shown{255, "", ""}));  // the exchange's -1 after its 5 s wait
 }

@@ -52,14 +52,12 @@ TEST(GetState, TwoGetsOfOneLocalFileShareTheRecordAndBothFinish) {
 TEST(GetState, RefusesOverlongRecordAndOverlongLocalName) {
   std::string dir = kt::makeTempDir();
   ASSERT_TRUE(kt::writeFile(dir + "/.o.bin.kestil_state", std::string(2249, '\0')));
-  kt::Result longer = kt::run(dir, "kestil-get", {"-h", "127.0.5.13", "o.bin"}, 10000);
-  EXPECT_EQ(longer.status, 1);
-  EXPECT_EQ(longer.err, "State file .o.bin.kestil_state is 2249 bytes, not the 2248 bytes of a state record\n");
+  EXPECT_EQ(kt::shown(kt::run(dir, "kestil-get", {"-h", "127.0.5.13", "o.bin"}, 10000)),
+            (kt::Shown{1, "", "State file .o.bin.kestil_state is 2249 bytes, not the 2248 bytes of a state record\n"}));
   EXPECT_EQ(kt::readFile(dir + "/.o.bin.kestil_state").size(), 2249u);
 
   std::string name(1586, 'n');
-  kt::Result tooLong = kt::run(dir, "kestil-get", {"-h", "127.0.5.13", "-o", name, "r"}, 10000);
-  EXPECT_EQ(tooLong.status, 1);
-  EXPECT_EQ(tooLong.err, "Local file name too long: 1586 characters, at most 1585\n");
+  EXPECT_EQ(kt::shown(kt::run(dir, "kestil-get", {"-h", "127.0.5.13", "-o", name, "r"}, 10000)),
+            (kt::Shown{1, "", "Local file name too long: 1586 characters, at most 1585\n"}));
   EXPECT_FALSE(kt::exists(dir + "/" + name));
 }

@@ -113,9 +113,7 @@ TEST(GetDownload, ErrorReportEndsWithStatus14AndKeepsBothFiles) {
     kt::RemoteRun run("127.0.5.5", "kestil-get", {"e.bin"});
     EXPECT_EQ(run.recv(), kt::request(10, 0, "e.bin"));
     run.send(k.report);
-    kt::Result r = run.finish();
-    EXPECT_EQ(r.status, 14);
-    EXPECT_EQ(r.out, k.out);
+    EXPECT_EQ(kt::shown(run.finish()), (kt::Shown{14, k.out, ""}));
     EXPECT_TRUE(kt::exists(run.dir + "/e.bin"));
     EXPECT_EQ(kt::readFile(run.dir + "/.e.bin.kestil_state").size(), 2248u);
   }
@@ -125,9 +123,7 @@ TEST(GetDownload, SilenceEndsAtTheIdleLimitWithSevenClosingAcks) {
   // -t 0: the first idle tick ends it. The size is unknown: one vector byte.
   kt::RemoteRun zero("127.0.5.6", "kestil-get", {"-t", "0", "z.bin"});
   kt::Served s0 = zero.serve("", {.answer = false});
-  kt::Result r0 = zero.finish();
-  EXPECT_EQ(r0.status, 13);
-  EXPECT_EQ(r0.out, "\nWaiting for satellite to stop spamming...\n");
+  EXPECT_EQ(kt::shown(zero.finish()), (kt::Shown{13, "\nWaiting for satellite to stop spamming...\n", ""}));
   EXPECT_EQ(s0.requests.size(), 1u);
   EXPECT_EQ(s0.finals.size(), 7u);
   kt::expectClosing(s0.finals, s0.finalMs, kt::bytes({14, 0, 0, 0, 0, 0}));

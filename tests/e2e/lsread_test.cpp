@@ -12,10 +12,7 @@ namespace {
 struct Lsread : ::testing::Test {
   void TearDown() override { std::filesystem::remove_all(dir); }
   void expect(const std::string &argv0, const std::vector<std::string> &args, int status, const std::string &out) {
-    const kt::Result r = kt::run(dir, argv0, args, 10000);
-    EXPECT_EQ(r.status, status);
-    EXPECT_EQ(r.out, out);
-    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(kt::shown(kt::run(dir, argv0, args, 10000)), (kt::Shown{status, out, ""}));
   }
   std::string dir = kt::makeTempDir();
 };

@@ -23,9 +23,9 @@ std::string record(uint32_t base, uint32_t lastBlk, uint32_t unique, std::initia
   return std::string(reinterpret_cast<const char *>(&st), sizeof st);
 }
 
-kt::Result progress(const std::string &dir, const std::string &bytes, const std::string &arg = "x") {
+kt::Shown progress(const std::string &dir, const std::string &bytes, const std::string &arg = "x") {
   kt::writeFile(dir + "/.x.kestil_state", bytes);
-  return kt::run(dir, "kestil-progress", {arg}, 10000);
+  return kt::shown(kt::run(dir, "kestil-progress", {arg}, 10000));
 }
 
 const std::string HEAD = "State file is .x.kestil_state\nRemote file: /data/img/a.jpg\nFile number: 16909060\n"
@@ -38,14 +38,12 @@ TEST(ProgressCommand, DrawsMapFromBaseWithLinesOf64Blocks) {
   std::string dir = kt::makeTempDir();
   // Window from 64: blocks 66-69 in ring byte 0 (0011 1100), block 130 in byte 8 (0010 0000).
   std::string rec = record(64, 200, 69, {{0, 0x3C}, {8, 0x20}});
-  for (const char *arg : {"x", ".x.kestil_state"}) {
-    kt::Result r = progress(dir, rec, arg);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, HEAD + "Percent complete: 34.5 (69 / 200)\nReceived: 0 - 63\n"
-                            "00000064: OO....OOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOO\n"
-                            "00000128: OO.OOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOO\n"
-                            "00000192: OOOOOOOO\n");
-  }
+  for (const char *arg : {"x", ".x.kestil_state"})
+    EXPECT_EQ(progress(dir, rec, arg),
+              (kt::Shown{0, HEAD + "Percent complete: 34.5 (69 / 200)\nReceived: 0 - 63\n"
+                                   "00000064: OO....OOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOO\n"
+                                   "00000128: OO.OOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOO\n"
+                                   "00000192: OOOOOOOO\n", ""}));
 }
 
 TEST(ProgressCommand, ElidesBlocksBeyondTheWindowAndShowsZeroBeforeMetadata) {
@@ -57,29 +55,18 @@ TEST(ProgressCommand, ElidesBlocksBeyondTheWindowAndShowsZeroBeforeMetadata) {
     expected += label + (line == 0 ? "." + MISSING.substr(1) : MISSING) + "\n";
   }
   expected += "........: " + MISSING + "\n00001984: " + std::string(16, 'O') + "\n";
-  EXPECT_EQ(progress(dir, record(0, 2000, 0, {{0, 0x80}})).out, expected);
-
-  kt::Result fresh = progress(dir, record(0, 0, 0, {}));
-  EXPECT_EQ(fresh.status, 0);
-  EXPECT_EQ(fresh.out, HEAD + "Percent complete: 0.0 (0 / 0)\n\n");
+  EXPECT_EQ(progress(dir, record(0, 2000, 0, {{0, 0x80}})), (kt::Shown{0, expected, ""}));
+  EXPECT_EQ(progress(dir, record(0, 0, 0, {})), (kt::Shown{0, HEAD + "Percent complete: 0.0 (0 / 0)\n\n", ""}));
 }
 
 TEST(ProgressCommand, RefusesWrongSizedDamagedAndCompleteRecords) {
   std::string dir = kt::makeTempDir();
   // A missing record and the usage line: see the front end's tests.
   std::string rec = record(8, 9, 8, {{0, 0x80}});  // 1000-byte file: block 8 received, complete
-  kt::Result done = progress(dir, rec);
-  EXPECT_EQ(done.status, 1);
-  EXPECT_EQ(done.out, HEAD + "Download complete!!!\n");
-
-  kt::Result odd = progress(dir, rec + "!");
-  EXPECT_EQ(odd.status, 1);
-  EXPECT_EQ(odd.out, "State file is .x.kestil_state\nState size mismatch!  Expected 2248 found 2249\n");
-
+  EXPECT_EQ(progress(dir, rec), (kt::Shown{1, HEAD + "Download complete!!!\n", ""}));
+  EXPECT_EQ(progress(dir, rec + "!"),
+            (kt::Shown{1, "State file is .x.kestil_state\nState size mismatch!  Expected 2248 found 2249\n", ""}));
   rec[20 + 28] = static_cast<char>(128);  // ring index outside the ring
-  kt::Result damaged = progress(dir, rec);
-  EXPECT_EQ(damaged.status, 1);
-  EXPECT_EQ(damaged.out, HEAD + "State record is damaged: bitmap index 128, base 8\n");
-
-  EXPECT_EQ(kt::run(dir, "kestil-progress", {""}, 10000).out, "Missing file name\n");
+  EXPECT_EQ(progress(dir, rec), (kt::Shown{1, HEAD + "State record is damaged: bitmap index 128, base 8\n", ""}));
+  EXPECT_EQ(progress(dir, rec, "").out, "Missing file name\n");
 }

@@ -99,9 +99,7 @@ TEST(PutUpload, RemoteSideClosesOrRefusesAndInterruptEndsQuietly) {
   ASSERT_EQ(refused.recv(3000).at(0), KESTIL_PUT);
   for (auto d : {kt::bytes({0x0D, 0, 0, 0}), kt::bytes({0x09, 0, 0, 0}), kt::bytes({0x0D, 1, 2, 3, 4})})
     refused.send(d);  // 4 bytes or fewer are ignored, whatever the code
-  r = refused.finish();
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, "PUT failure\n");
+  EXPECT_EQ(kt::shown(refused.finish()), (kt::Shown{1, "PUT failure\n", ""}));
 
   Upload interrupted("127.0.6.5", 500, {});
   ASSERT_EQ(interrupted.recv(3000).at(0), KESTIL_PUT);
@@ -127,10 +125,8 @@ TEST(PutUpload, NoAnswerRepeatsRequestEveryTwoSecondsAndGivesUpAtTwenty) {
 
 TEST(PutCommand, UsageAndUnreadableLocalFile) {
   std::string dir = kt::makeTempDir();
-  kt::Result r = kt::run(dir, "kestil", {"put", "-h", "127.0.6.7"}, 10000);
-  EXPECT_EQ(r.out, "put [-L] [-h host] [-o <remote file>] <local file>\n");
-  EXPECT_EQ(r.status, 0);
-  r = kt::run(dir, "kestil-put", {"-h", "127.0.6.7", "missing.bin"}, 10000);
-  EXPECT_EQ(r.err, "missing.bin: No such file or directory\n");
-  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(kt::shown(kt::run(dir, "kestil", {"put", "-h", "127.0.6.7"}, 10000)),
+            (kt::Shown{0, "put [-L] [-h host] [-o <remote file>] <local file>\n", ""}));
+  EXPECT_EQ(kt::shown(kt::run(dir, "kestil-put", {"-h", "127.0.6.7", "missing.bin"}, 10000)),
+            (kt::Shown{1, "", "missing.bin: No such file or directory\n"}));
 }

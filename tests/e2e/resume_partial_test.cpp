@@ -37,9 +37,8 @@ TEST(ResumeDownload, StopLengthEndsIncompleteAndResumeCompletes) {
 
 TEST(ResumeDownload, RefusesMissingAndShortStateRecords) {
   std::string dir = kt::makeTempDir();
-  kt::Result none = kt::run(dir, "kestil-resume", {"x.bin"}, 10000);
-  EXPECT_EQ(none.status, 1);
-  EXPECT_EQ(none.err, "No partial download state found: No such file or directory\n");
+  EXPECT_EQ(kt::shown(kt::run(dir, "kestil-resume", {"x.bin"}, 10000)),
+            (kt::Shown{1, "", "No partial download state found: No such file or directory\n"}));
   ASSERT_TRUE(kt::writeFile(dir + "/.x.bin.kestil_state", std::string(2247, '\0')));
   kt::Result shortRecord = kt::run(dir, "kestil-resume", {"x.bin"}, 10000);
   EXPECT_EQ(shortRecord.status, 1);

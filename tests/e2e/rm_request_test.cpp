@@ -38,9 +38,7 @@ std::vector<uint8_t> request(uint8_t flags, const std::string &names) {
 TEST(RmCommand, PacksNamesBackToBackInOneDatagram) {
   RmRun run = runRm("127.0.6.40", {"a", "b/c"});
   EXPECT_EQ(run.sent, kt::bytes({0x03, 0x00, 0x61, 0x00, 0x62, 0x2F, 0x63, 0x00}));
-  EXPECT_EQ(run.result.status, 0);
-  EXPECT_EQ(run.result.out, "Packing a\nPacking b/c\nSent 8 byte rm!\n");
-  EXPECT_EQ(run.result.err, "");
+  EXPECT_EQ(kt::shown(run.result), (kt::Shown{0, "Packing a\nPacking b/c\nSent 8 byte rm!\n", ""}));
 
   run = runRm("127.0.6.41", {"-r", "-f", "x"});
   EXPECT_EQ(run.sent, kt::bytes({0x03, 0x03, 'x', 0}));
@@ -64,12 +62,10 @@ TEST(RmCommand, NamesThatDoNotFitAreLeftOutAndLaterOnesStillTried) {
 TEST(RmCommand, NothingIsSentWithoutAPackedName) {
   RmRun run = runRm("127.0.6.45", {std::string(198, 'd')});
   EXPECT_TRUE(run.sent.empty());
-  EXPECT_EQ(run.result.status, 0);
-  EXPECT_EQ(run.result.out, "Packing " + std::string(198, 'd') + "\nNot packed, too long for the request: " +
-                                std::string(198, 'd') + "\nNo name fits in the request; nothing sent\n");
+  EXPECT_EQ(kt::shown(run.result), (kt::Shown{0, "Packing " + std::string(198, 'd') + "\nNot packed, too long for the request: " +
+                                                     std::string(198, 'd') + "\nNo name fits in the request; nothing sent\n", ""}));
 
   run = runRm("127.0.6.46", {});
   EXPECT_TRUE(run.sent.empty());
-  EXPECT_EQ(run.result.out, "rm [-h host] [-L] <remote file>\n");
-  EXPECT_EQ(run.result.status, 0);
+  EXPECT_EQ(kt::shown(run.result), (kt::Shown{0, "rm [-h host] [-L] <remote file>\n", ""}));
 }

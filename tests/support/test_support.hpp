@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,17 @@ struct Result {
   int signal = 0;         // the signal that ended it, if any
   bool timedOut = false;  // killed by the test's deadline
 };
+
+// What a run shows the operator, compared whole: exit status, standard output, standard error.
+struct Shown {
+  int status = -1;
+  std::string out, err;
+  bool operator==(const Shown &) const = default;
+};
+inline Shown shown(const Result &r) { return {r.status, r.out, r.err}; }
+inline void PrintTo(const Shown &s, std::ostream *os) {
+  *os << "status " << s.status << ", out \"" << s.out << "\", err \"" << s.err << "\"";
+}
 
 // A running kestil process; its stdout and stderr go to files in `dir`.
 struct Child {
