@@ -53,20 +53,16 @@ bool UdpPeer::bind(const char *ip, uint16_t port) {
 }
 
 int UdpPeer::recv(uint8_t *buf, int size, sockaddr_in *from, int timeoutMs) {
-  long long deadline = nowMs() + timeoutMs;
-  for (;;) {
-    long long left = deadline - nowMs();
-    if (left < 0) left = 0;
-    pollfd p{fd_, POLLIN, 0};
-    int ready = poll(&p, 1, static_cast<int>(left));
+  pollfd p{fd_, POLLIN, 0};
+  for (long long deadline = nowMs() + timeoutMs;;) {
+    int ready = poll(&p, 1, static_cast<int>(std::max(0LL, deadline - nowMs())));
     if (ready < 0 && errno == EINTR) continue;
     if (ready <= 0) return -1;
     sockaddr_in sender{};
     socklen_t len = sizeof sender;
     ssize_t n = recvfrom(fd_, buf, static_cast<size_t>(size), 0, reinterpret_cast<sockaddr *>(&sender), &len);
-    if (n < 0) return -1;
-    if (from != nullptr) *from = sender;
-    return static_cast<int>(n);
+    if (n >= 0 && from != nullptr) *from = sender;
+    return n < 0 ? -1 : static_cast<int>(n);
   }
 }
 
