@@ -170,10 +170,12 @@ bool everSent(const TransferSession *s, uint32_t blk) {
 // Rounds over what is sent but unacknowledged fill the wire that would otherwise stand idle
 // until the client's next acknowledgement (up to 2 s away): at the end of the file, or while a
 // lost block at the base holds the window. The client acknowledges after 256 blocks taken in,
-// duplicates included, so this many fill datagrams bring an acknowledgement even when some
-// are lost, where waiting would not; then the session waits. Filling starts once the client
-// has acknowledged anything; a round skips what was resent during it.
-constexpr uint32_t FILL_PER_ACK = 512;
+// duplicates included, so this many fill datagrams bring several acknowledgements even when
+// half the datagrams each way are lost, where waiting would take the client's 2 s timer; then
+// the session waits. On a slow link the client's timer answers long before the budget is
+// spent. Filling starts once the client has acknowledged anything; a round skips what was
+// resent during it.
+constexpr uint32_t FILL_PER_ACK = 2048;
 
 bool fillCandidate(const TransferSession *s, uint32_t blk) {
   const SendStamp &st = s->stamps[blk % KESTIL_WINDOW_BLOCKS];
