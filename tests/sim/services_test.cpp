@@ -90,12 +90,9 @@ TEST_F(SimServices, GetSendsEveryBlockOnceThenOnlyWhatTheAcknowledgementReportsM
   advance(50);
   std::vector<Bytes> got = received();
   ASSERT_EQ(got.size(), 4u);
-  KESTIL_metadata meta{};
-  ASSERT_TRUE(decodeMetadata(got[0].data(), got[0].size(), &meta));
-  uint8_t digest[16];
-  md5_buff(content.data(), content.size(), digest);
-  EXPECT_EQ(meta.size, 300u);
-  EXPECT_EQ(std::memcmp(meta.md5, digest, 16), 0);
+  ASSERT_EQ(got[0].size(), 33u);  // code 4, request 1, size 300, time, digest
+  EXPECT_EQ(Bytes(got[0].begin(), got[0].begin() + 9), kt::bytes({4, 0, 0, 0, 1, 0, 0, 1, 0x2C}));
+  EXPECT_EQ(std::string(got[0].end() - 16, got[0].end()), kt::md5Raw(content));
   EXPECT_EQ(got[3].size(), 20u);  // block 3 (code 5) with the last 18 bytes
   EXPECT_EQ(Bytes(got[3].begin(), got[3].begin() + 2), kt::bytes({5, 3}));
   advance(1000);
@@ -135,20 +132,11 @@ TEST_F(SimServices, RepeatedRequestContinuesTheTransferAndTheClosingFormEndsIt) 
 
 class SimPutService : public SimServices {
  protected:
-  void sendUpload(const std::string &content, uint32_t mtime, bool rightDigest, std::vector<uint32_t> order) {
-    KESTIL_metadata meta{1, static_cast<uint32_t>(content.size()), mtime, 0, {}};
-    md5_buff(content.data(), content.size(), meta.md5);
-    meta.md5[0] ^= rightDigest ? 0 : 1;
-    Bytes d(KESTIL_MAX_DATAGRAM);
-    d.resize(encodeMetadata(d.data(), d.size(), meta));
-    deliver(d);
-    for (uint32_t n : order) {
-      size_t off = (n - 1) * 141;
-      Bytes b(KESTIL_MAX_DATAGRAM);
-      b.resize(encodeDataBlock(b.data(), b.size(), n, reinterpret_cast<const uint8_t *>(content.data()) + off,
-                               std::min<size_t>(141, content.size() - off)));
-      deliver(b);
-    }
+  void sendUpload(const std::string &content, bool rightDigest, std::vector<uint32_t> order) {
+    std::string md5 = kt::md5Raw(content);
+    md5[0] ^= rightDigest ? 0 : 1;
+    deliver(kt::metadataDatagram(content.size(), md5));
+    for (uint32_t n : order) deliver(kt::blockDatagram(content, n));
   }
 };
 
@@ -159,14 +147,14 @@ TEST_F(SimPutService, StoresTheUploadAndAnswersLateDatagramsWithCompletion) {
   EXPECT_EQ(received(), std::vector<Bytes>{kt::bytes({9, 0, 0, 0, 0, 0})});  // size unknown yet
   advance(500);
   EXPECT_EQ(received().size(), 1u);  // acknowledged regularly while nothing comes
-  sendUpload(content, 1714568865, true, {1, 3});
+  sendUpload(content, true, {1, 3});
   EXPECT_EQ(received(), std::vector<Bytes>{kt::bytes({9, 0, 0, 0, 0, 0xD0})});  // after 3 new blocks
   EXPECT_FALSE(kt::exists("up/new.bin"));
   const Bytes complete = kt::bytes({9, 0, 0, 0, 0, 0xF0});
-  sendUpload(content, 1714568865, true, {2});
+  sendUpload(content, true, {2});
   EXPECT_EQ(received(), std::vector<Bytes>{complete});
   EXPECT_EQ(kt::readFile("up/new.bin"), content);  // its time: see the put through kestil-sim
-  sendUpload(content, 1714568865, true, {2});  // the client missed the completion
+  sendUpload(content, true, {2});  // the client missed the completion
   EXPECT_EQ(received(), (std::vector<Bytes>{complete, complete}));
   advance(1000);
   EXPECT_TRUE(received().empty());  // no periodic acknowledgements once done
@@ -175,7 +163,7 @@ TEST_F(SimPutService, StoresTheUploadAndAnswersLateDatagramsWithCompletion) {
 TEST_F(SimPutService, RefusesAMismatchedDigestAndLeavesNothingBehind) {
   std::string content = kt::patternBytes(200, 9);
   deliver(request(KESTIL_PUT, "up/bad.bin"));
-  sendUpload(content, 1, false, {1, 2});
+  sendUpload(content, false, {1, 2});
   const Bytes refusal = kt::bytes({13, 0, 0, 0, 6, 0, 0, 0, 0, 0, 0, 0, 1});
   EXPECT_EQ(received().back(), refusal);
   EXPECT_EQ(kt::namesStartingWith("up", ""), std::vector<std::string>{});  // neither the file nor its part file
