@@ -2,9 +2,6 @@
 // paths that leave the root get an empty listing.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <sstream>
-
 #include "tests/support/sim_process.hpp"
 
 namespace {
@@ -12,15 +9,7 @@ namespace {
 const std::string HEADER = "flags    group    priority size     filename";
 
 // The table rows, sorted: the scan follows the file system's directory order.
-std::vector<std::string> rows(const std::string &out) {
-  std::vector<std::string> lines;
-  std::istringstream in(out.substr(std::min(out.size(), out.find(HEADER))));
-  for (std::string line; std::getline(in, line);) {
-    if (line != HEADER) lines.push_back(line);
-  }
-  std::sort(lines.begin(), lines.end());
-  return lines;
-}
+std::vector<std::string> rows(const std::string &out) { return simt::tableRows(out, true); }
 
 TEST(SimListing, EachFlagListsWhatItShouldAndLsreadPrintsTheSavedListing) {
   simt::Served sim("127.0.7.40");

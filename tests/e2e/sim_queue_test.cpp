@@ -2,23 +2,9 @@
 // group limits and with -r, and the queue's data file across a restart.
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 #include "tests/support/sim_process.hpp"
 
 namespace {
-
-// The rows of the table the report printed, in its order.
-std::vector<std::string> table(const std::string &out) {
-  std::vector<std::string> lines;
-  std::istringstream in(out);
-  bool on = false;
-  for (std::string line; std::getline(in, line);) {
-    if (on) lines.push_back(line);
-    on = on || line.starts_with("flags    group");
-  }
-  return lines;
-}
 
 TEST(SimQueue, FileManagerRequestsAndReportsWithLimitsAndRemoval) {
   simt::Served sim("127.0.7.50", {"--queue", "queue.dat"});
@@ -47,17 +33,17 @@ TEST(SimQueue, FileManagerRequestsAndReportsWithLimitsAndRemoval) {
   const std::string three = "0        5        0        30       q/three";
   kt::Result all = cmd("kestil-report", {"-t", "5"});
   EXPECT_EQ(all.status, 0) << all.out;
-  EXPECT_EQ(table(all.out), (std::vector<std::string>{one, two, three}));
+  EXPECT_EQ(simt::tableRows(all.out), (std::vector<std::string>{one, two, three}));
   kt::Result limited = cmd("kestil-report", {"-t", "5", "3", "1"});  // one entry of group 3 only
   EXPECT_TRUE(limited.out.starts_with("group: 3 size 0 entries 1\n"));
-  EXPECT_EQ(table(limited.out), std::vector<std::string>{one});
+  EXPECT_EQ(simt::tableRows(limited.out), std::vector<std::string>{one});
   kt::Result taken = cmd("kestil-report", {"-r", "-t", "5", "3", "1"});  // confirmed: it leaves
-  EXPECT_EQ(table(taken.out), std::vector<std::string>{one});
+  EXPECT_EQ(simt::tableRows(taken.out), std::vector<std::string>{one});
   EXPECT_EQ(cmd("dlq-rm", {"-g", "5", "q/three"}).status, 0);
 
   // What is left survives a restart through the data file.
   ASSERT_TRUE(sim.restart()) << sim.err;
-  EXPECT_EQ(table(cmd("kestil-report", {"-t", "5"}).out), std::vector<std::string>{two});
+  EXPECT_EQ(simt::tableRows(cmd("kestil-report", {"-t", "5"}).out), std::vector<std::string>{two});
 }
 
 }  // namespace

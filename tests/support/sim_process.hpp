@@ -5,7 +5,9 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,6 +30,19 @@ bool eventually(Pred pred, int timeoutMs) {
 inline std::string mkdirs(const std::string &path) {
   std::filesystem::create_directories(path);
   return path;
+}
+
+// The rows of the listing table in `out` (after its header line), in order or sorted.
+inline std::vector<std::string> tableRows(const std::string &out, bool sorted = false) {
+  std::vector<std::string> rows;
+  std::istringstream in(out);
+  bool on = false;
+  for (std::string line; std::getline(in, line);) {
+    if (on) rows.push_back(line);
+    on = on || line == "flags    group    priority size     filename";
+  }
+  if (sorted) std::sort(rows.begin(), rows.end());
+  return rows;
 }
 
 // A running kestil-sim: `err` is its standard error, its standard output is the trace (-v).
