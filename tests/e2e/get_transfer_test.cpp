@@ -37,9 +37,7 @@ TEST(GetDownload, CleanDownloadIgnoresMalformedAndRepeatedDatagrams) {
   kt::Served seen = run.serve(CONTENT);
   kt::Result r = run.finish();
 
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(kt::plainOut(r.out), "File is 4230 bytes!\n" + ending("Received file a.bin..."));
-  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(kt::plainShown(r), (kt::Shown{0, "File is 4230 bytes!\n" + ending("Received file a.bin..."), ""}));
   EXPECT_EQ(kt::readFile(run.dir + "/a.bin"), CONTENT);
   EXPECT_FALSE(kt::exists(run.dir + "/.a.bin.kestil_state"));
   EXPECT_TRUE(seen.requests.empty());
@@ -74,8 +72,7 @@ TEST(GetDownload, LaterDifferentMetadataReplacesTheDigestAndFailsIt) {
   kt::Served seen = run.serve(CONTENT);
   kt::Result r = run.finish();
 
-  EXPECT_EQ(r.status, 12);
-  EXPECT_EQ(kt::plainOut(r.out), "File is 4230 bytes!\n" + ending("Checksum failed on d.bin..."));
+  EXPECT_EQ(kt::plainShown(r), (kt::Shown{12, "File is 4230 bytes!\n" + ending("Checksum failed on d.bin..."), ""}));
   EXPECT_FALSE(kt::exists(run.dir + "/d.bin"));
   EXPECT_FALSE(kt::exists(run.dir + "/.d.bin.kestil_state"));
   kt::expectClosing(seen.acks, seen.ackMs, COMPLETE_ACK);
@@ -97,8 +94,7 @@ TEST(GetDownload, ForeignMetadataIsRefusedAndForeignBlocksFailTheDigest) {
     if (b != 3) run.send(kt::blockDatagram(CONTENT, b));
   kt::Result r = run.finish();
 
-  EXPECT_EQ(r.status, 12);
-  EXPECT_EQ(kt::plainOut(r.out), "File is 4230 bytes!\n" + ending("Checksum failed on f.bin..."));
+  EXPECT_EQ(kt::plainShown(r), (kt::Shown{12, "File is 4230 bytes!\n" + ending("Checksum failed on f.bin..."), ""}));
 }
 
 TEST(GetDownload, ErrorReportEndsWithStatus14AndKeepsBothFiles) {

@@ -179,4 +179,7 @@ inline std::string plainOut(const std::string &out) {
   return std::regex_replace(std::regex_replace(s, elapsed, "Elapsed time: T"), avg, " A");
 }
 
+// A run as the operator sees it, with standard output normalised as above.
+inline Shown plainShown(const Result &r) { return {r.status, plainOut(r.out), r.err}; }
+
 }  // namespace kt
