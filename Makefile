@@ -86,7 +86,7 @@ soak: build
 
 # Benchmarks against uftp and atftp on loopback, through kestil-sim's emulated links (about
 # 30 minutes); writes bench/results/latest.json, results.md and ratios.png. Not part of `make check`.
-BENCH_PACKAGES := uftp atftp atftpd gnuplot-nox
+BENCH_PACKAGES := uftp atftp atftpd gnuplot-nox time
 .PHONY: bench
 bench: deps
 	@missing=""; for p in $(BENCH_PACKAGES); do \

@@ -84,15 +84,19 @@ def main():
     with open(os.path.join(args.out, "loss_sweep.json"), "w") as f:
         json.dump({"size": args.size, "rate_bps": args.rate, "delay_ms": DELAY_MS, "dup": DUP, "reorder": REORDER,
                    "rows": rows}, f, indent=1)
-    print("| loss | get: complete / bound | get MD5 | put: complete / bound | put MD5 | puts that gave up first |")
-    print("|---|---|---|---|---|---|")
+    lines = ["| loss | get: complete / bound | get MD5 | put: complete / bound | put MD5 | puts that gave up first |",
+             "|---|---|---|---|---|---|"]
     ok = True
     for r in rows:
         g, p = r["get"], r["put"]
         ratio = lambda x: f"{x:.2f}" if x else "—"  # noqa: E731
-        print(f"| {r['loss']:.0%} | {ratio(g['complete_ratio'])} | {'ok' if g['md5_ok'] else 'FAILED'} | "
-              f"{ratio(p['complete_ratio'])} | {'ok' if p['md5_ok'] else 'FAILED'} | {p['gave_up_before_answer']} |")
+        lines.append(f"| {r['loss']:.0%} | {ratio(g['complete_ratio'])} | {'ok' if g['md5_ok'] else 'FAILED'} | "
+                     f"{ratio(p['complete_ratio'])} | {'ok' if p['md5_ok'] else 'FAILED'} | "
+                     f"{p['gave_up_before_answer']} |")
         ok = ok and g["md5_ok"] and p["md5_ok"]
+    with open(os.path.join(args.out, "loss_sweep.md"), "w") as f:
+        f.write("\n".join(lines) + "\n")
+    print("\n".join(lines))
     sys.exit(0 if ok else 1)
 
 
