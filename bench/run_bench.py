@@ -359,7 +359,10 @@ def bench_scenario(args, work, sc):
     finally:
         sim.stop()
 
-    # atftp with 1428-byte blocks and a window, through the same link.
+    # atftp with 1428-byte blocks and a window, through the same link. The window is as many
+    # blocks as the link carries in 1.5 s (16 at most, 1 at least): a window that takes longer
+    # than atftp's retransmission time-out to cross the link is sent again whole, forever.
+    window = max(1, min(16, int(1.5 * rate / ((1428 + 4 + IPUDP) * 8))))
     runs = []
     d = start_atftpd(work, root, ATFTPD_ADDR)
     try:
@@ -370,7 +373,7 @@ def bench_scenario(args, work, sc):
             relay = start_relay(args, work, ATFTPD_ADDR, ATFTP_PORT, rate, delay, loss)
             try:
                 t0, code, wall, cpu, rss = run_client(
-                    ["atftp", "--option", "blksize 1428", "--option", "windowsize 16", "-g", "-r", f"{name}.bin",
+                    ["atftp", "--option", "blksize 1428", "--option", f"windowsize {window}", "-g", "-r", f"{name}.bin",
                      "-l", dst, RELAY_ADDR, str(ATFTP_PORT)], ground, timeout)
             finally:
                 relay.stop()
@@ -380,13 +383,14 @@ def bench_scenario(args, work, sc):
     finally:
         d.stop()
     out["atftp"] = (runs, atftp_wire_bytes(size, 1428))
+    atftp_window = window
 
     if shutil.which("uftp"):
         out["uftp"] = (uftp_runs(args, work, src, want, RELAY_ADDR, (rate, delay, loss), timeout),
                        uftp_wire_bytes(size))
 
     table = {"link": {"rate_bps": rate, "delay_ms": delay, "loss": loss, "size": size,
-                      "best_other_exit_ratio_target": best_other}}
+                      "best_other_exit_ratio_target": best_other, "atftp_window": atftp_window}}
     for tool, (rs, wire) in out.items():
         bound = lower_bound(wire, rate, delay, loss)
         good = [r for r in rs if r["md5_ok"]]
