@@ -21,6 +21,7 @@ import sys
 import tempfile
 import time
 
+sys.dont_write_bytecode = True  # no cache files beside the sources
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from crash_soak import Sim  # noqa: E402
 
