@@ -81,7 +81,8 @@ void fileGet(int fd, const struct sockaddr_in *target, int, const char *local_fi
     std::exit(1);
   }
 
-  ReceiveSession s = newSession(DOWNLOAD_POLICY, fd, target, local_filename, {KESTIL_GET, flags, remote_filename, nullptr, 0});
+  ReceiveSession s =
+      newSession(DOWNLOAD_POLICY, fd, target, local_filename, {KESTIL_GET, flags, remote_filename, nullptr, 0});
   s.stateName = stateName;
   s.lenLimit = lenLimit;
   s.zeroPad = zeroPad;
@@ -144,8 +145,8 @@ int get_cmd(int argc, char **argv) {
 
   sockaddr_in target;
   openTransferSocket(host, KESTIL_PORT, &target);
-  fileGet(fd, &target, sizeof target, localName, remoteName, o.zeroPad, o.lenLimit, clampSeconds(o.timeoutSec),
-          o.flags, host);
+  fileGet(fd, &target, sizeof target, localName, remoteName, o.zeroPad, o.lenLimit, clampSeconds(o.timeoutSec), o.flags,
+          host);
   return 0;
 }
 

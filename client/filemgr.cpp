@@ -68,8 +68,7 @@ int queueOperation(int argc, char **argv, uint8_t cmd, uint8_t expectedResp, con
   int len = static_cast<int>(QOP_NAME + nameLen + 1);
 
   uint8_t resp[2] = {};
-  int got = socket_send_packet_and_read_response(host, FILEMGR_SERVICE, req, len, resp, sizeof resp,
-                                                  FILEMGR_TIMEOUT);
+  int got = socket_send_packet_and_read_response(host, FILEMGR_SERVICE, req, len, resp, sizeof resp, FILEMGR_TIMEOUT);
   if (got <= 0) return got;
   if (resp[0] != expectedResp) {
     printWrongCode(resp[0], expectedResp);

@@ -32,8 +32,8 @@ uint8_t listingFlags(const char *options) {
 
 }  // namespace
 
-int lsDir(int fd, const struct sockaddr_in *target, int, const char *path, const char *options,
-          int timeout_limit_secs, const char *) {
+int lsDir(int fd, const struct sockaddr_in *target, int, const char *path, const char *options, int timeout_limit_secs,
+          const char *) {
   uint8_t flags = listingFlags(options);
   // The name lives until the process ends.
   static char *listingName = nullptr;

@@ -30,10 +30,8 @@ const MulticallInfo multicall[12] = {
     {report_cmd, "kestil-report", "report",
      "[-h <rem host>] [-t <timeout secs>] [-r]: Display the contents of the remote download queue.  -r option "
      "automatically removes the transfered file names once the transfer is confirmed as successful."},
-    {lsread_cmd, "kestil-lsread", "lsread",
-     "<inp file>: Read and display the contents of the named directory listing"},
-    {progress_cmd, "kestil-progress", "progress",
-     "<file>: Displays the progress of a partially downloaded file"},
+    {lsread_cmd, "kestil-lsread", "lsread", "<inp file>: Read and display the contents of the named directory listing"},
+    {progress_cmd, "kestil-progress", "progress", "<file>: Displays the progress of a partially downloaded file"},
     {qadd_cmd, "dlq-add", "qadd",
      "[-h host] [-g <group num>] [-p <priority num>] <file>: Add an entry to the download queue"},
     {qrm_cmd, "dlq-rm", "qrm", "[-h host] [-g <group num>] <file>: Remove an entry from the download queue"},
@@ -43,7 +41,8 @@ const MulticallInfo multicall[12] = {
 
 int print_usage(const char *) {
   std::printf("kestil multicall binary:\n");
-  for (const MulticallInfo *row = multicall; row->func != nullptr; ++row) std::printf("    %-16s %s\n", row->name, row->help);
+  for (const MulticallInfo *row = multicall; row->func != nullptr; ++row)
+    std::printf("    %-16s %s\n", row->name, row->help);
   return 0;
 }
 

@@ -69,8 +69,8 @@ void putInitTxState(KESTIL_TXState *tx, int fileFd, const struct stat &st) {
   setBlkRxVectorFileSize(&tx->rxVec, tx->size);
 }
 
-void putInitSession(PutSession *s, KESTIL_TXState *tx, int sock, const sockaddr_in *target,
-                    const char *remoteName, int longName, int timeoutLimitSecs, float rate) {
+void putInitSession(PutSession *s, KESTIL_TXState *tx, int sock, const sockaddr_in *target, const char *remoteName,
+                    int longName, int timeoutLimitSecs, float rate) {
   *s = PutSession{};
   s->tx = tx;
   s->sock = sock;
@@ -187,8 +187,8 @@ PutStep putOnIdleTick(PutSession *s) {
 int putFormatStatistics(char *buf, size_t size, timeval elapsed, uint32_t fileSize) {
   long secs = static_cast<long>(elapsed.tv_sec);
   long usecs = static_cast<long>(elapsed.tv_usec);
-  int n = std::snprintf(buf, size, "Elapsed time: %02ld:%02ld:%02ld.%06ld", secs / 3600, secs / 60 % 60,
-                        secs % 60, usecs);
+  int n =
+      std::snprintf(buf, size, "Elapsed time: %02ld:%02ld:%02ld.%06ld", secs / 3600, secs / 60 % 60, secs % 60, usecs);
   double seconds = static_cast<double>(secs) + static_cast<double>(usecs) / 1000000.0;
   if (n >= 0 && static_cast<size_t>(n) < size && fileSize != 0 && seconds > 0.0)
     n += std::snprintf(buf + n, size - static_cast<size_t>(n), "      Avg Bps: %.2f",
@@ -196,8 +196,8 @@ int putFormatStatistics(char *buf, size_t size, timeval elapsed, uint32_t fileSi
   return n;
 }
 
-void filePut(int fd, struct sockaddr_in *target, socklen_t *, const char *local_filename,
-             const char *remote_filename, int timeout_limit_secs, int longName, float pkts_per_sec) {
+void filePut(int fd, struct sockaddr_in *target, socklen_t *, const char *local_filename, const char *remote_filename,
+             int timeout_limit_secs, int longName, float pkts_per_sec) {
   outputFd = open(local_filename, O_RDWR, 0644);
   if (outputFd < 0) {
     std::perror(local_filename);

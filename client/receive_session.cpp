@@ -19,26 +19,53 @@
 #include "station/station.hpp"
 
 const ReceivePolicy DOWNLOAD_POLICY = {
-    .lockDataFile = true, .stopLength = true, .errorReports = true, .failedWaitIsIdle = false,
-    .repeatUntilDataAndMeta = true, .requestRepeatTicks = 2, .ackOnlyAfterData = true, .ackAfterSeconds = 1,
-    .interruptEnds = true, .confirmations = 7, .printClientDone = true, .removeLocalOnTimeout = false,
+    .lockDataFile = true,
+    .stopLength = true,
+    .errorReports = true,
+    .failedWaitIsIdle = false,
+    .repeatUntilDataAndMeta = true,
+    .requestRepeatTicks = 2,
+    .ackOnlyAfterData = true,
+    .ackAfterSeconds = 1,
+    .interruptEnds = true,
+    .confirmations = 7,
+    .printClientDone = true,
+    .removeLocalOnTimeout = false,
 };
 const ReceivePolicy LISTING_POLICY = {
-    .lockDataFile = false, .stopLength = false, .errorReports = false, .failedWaitIsIdle = true,
-    .repeatUntilDataAndMeta = false, .requestRepeatTicks = 4, .ackOnlyAfterData = false, .ackAfterSeconds = 0,
-    .interruptEnds = false, .confirmations = 1, .printClientDone = false, .removeLocalOnTimeout = true,
+    .lockDataFile = false,
+    .stopLength = false,
+    .errorReports = false,
+    .failedWaitIsIdle = true,
+    .repeatUntilDataAndMeta = false,
+    .requestRepeatTicks = 4,
+    .ackOnlyAfterData = false,
+    .ackAfterSeconds = 0,
+    .interruptEnds = false,
+    .confirmations = 1,
+    .printClientDone = false,
+    .removeLocalOnTimeout = true,
 };
 const ReceivePolicy REPORT_POLICY = {
-    .lockDataFile = false, .stopLength = false, .errorReports = false, .failedWaitIsIdle = true,
-    .repeatUntilDataAndMeta = false, .requestRepeatTicks = 4, .ackOnlyAfterData = false, .ackAfterSeconds = 0,
-    .interruptEnds = false, .confirmations = 7, .printClientDone = false, .removeLocalOnTimeout = true,
+    .lockDataFile = false,
+    .stopLength = false,
+    .errorReports = false,
+    .failedWaitIsIdle = true,
+    .repeatUntilDataAndMeta = false,
+    .requestRepeatTicks = 4,
+    .ackOnlyAfterData = false,
+    .ackAfterSeconds = 0,
+    .interruptEnds = false,
+    .confirmations = 7,
+    .printClientDone = false,
+    .removeLocalOnTimeout = true,
 };
 
 namespace {
 
 constexpr int WAIT_USEC = 500000;
-constexpr int EARLY_GIVE_UP_TICKS = 39;   // 20 s without an answer or without the metadata
-constexpr int ACK_EVERY_BLOCKS = 255;     // an acknowledgement after more than this many blocks
+constexpr int EARLY_GIVE_UP_TICKS = 39;  // 20 s without an answer or without the metadata
+constexpr int ACK_EVERY_BLOCKS = 255;    // an acknowledgement after more than this many blocks
 constexpr long ACK_PAUSE_NSEC = 300000000;
 // The offset of block 1023, the last block the unslid window holds: early blocks 1 to 1023
 // pass the size check, block 0 (whose offset wraps) never does.
@@ -63,8 +90,7 @@ timeval since(const timeval &from, const timeval &to) {
 void pause300ms() {
   timespec left{0, ACK_PAUSE_NSEC};
   // An interrupt must not shorten the spacing of the closing acknowledgements.
-  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
-  }
+  while (nanosleep(&left, &left) != 0 && errno == EINTR) {}
   errno = 0;
 }
 
@@ -134,8 +160,8 @@ void dispatchDatagram(ReceiveSession &s, const uint8_t *pkt, int nread, const so
     takeFirstMetadata(s);
 }
 
-ReceiveSession newSession(const ReceivePolicy &policy, int fd, const struct sockaddr_in *target,
-                          const char *localName, const SessionRequest &request) {
+ReceiveSession newSession(const ReceivePolicy &policy, int fd, const struct sockaddr_in *target, const char *localName,
+                          const SessionRequest &request) {
   ReceiveSession s{};
   s.policy = &policy;
   s.fd = fd;
@@ -286,13 +312,12 @@ char *timeStampedName(const char *prefix) {
   struct tm utc {};
   gmtime_r(&t, &utc);
   char buf[96];
-  std::snprintf(buf, sizeof buf, "%s.%04d-%02d-%02d_%02d:%02d:%02d.XXXXXX", prefix, utc.tm_year + 1900,
-                utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+  std::snprintf(buf, sizeof buf, "%s.%04d-%02d-%02d_%02d:%02d:%02d.XXXXXX", prefix, utc.tm_year + 1900, utc.tm_mon + 1,
+                utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
   return strdup(buf);
 }
 
-bool runFetch(ReceiveSession &s, const char *statePrefix, char *stateName, size_t stateNameSize,
-              int timeoutSeconds) {
+bool runFetch(ReceiveSession &s, const char *statePrefix, char *stateName, size_t stateNameSize, int timeoutSeconds) {
   std::snprintf(stateName, stateNameSize, "%s%s", statePrefix, s.localName);
   s.stateName = stateName;
   if (openVectorState(stateName, &s.state) != StateFailure::None) {

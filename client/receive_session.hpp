@@ -12,17 +12,17 @@
 #include "common/wire.hpp"
 
 struct ReceivePolicy {
-  bool lockDataFile;          // flock on the local file, dropped for each wait
-  bool stopLength;            // the -l stop length is tested at the start of each pass
-  bool errorReports;          // a code-15 datagram ends the transfer
-  bool failedWaitIsIdle;      // a failed (interrupted) wait counts as an idle tick
-  bool repeatUntilDataAndMeta;// repeat the request until data arrived and block 0 is held,
-                              // rather than only while block 0 is missing
-  int requestRepeatTicks;     // the request goes out again on idle ticks that are multiples of this
-  bool ackOnlyAfterData;      // periodic acknowledgements only once a datagram was read
-  long ackAfterSeconds;       // ... when the whole seconds since the last one exceed this
-  bool interruptEnds;         // rx_sigint ends the loop
-  int confirmations;          // acknowledgements sent after a complete transfer
+  bool lockDataFile;            // flock on the local file, dropped for each wait
+  bool stopLength;              // the -l stop length is tested at the start of each pass
+  bool errorReports;            // a code-15 datagram ends the transfer
+  bool failedWaitIsIdle;        // a failed (interrupted) wait counts as an idle tick
+  bool repeatUntilDataAndMeta;  // repeat the request until data arrived and block 0 is held,
+                                // rather than only while block 0 is missing
+  int requestRepeatTicks;       // the request goes out again on idle ticks that are multiples of this
+  bool ackOnlyAfterData;        // periodic acknowledgements only once a datagram was read
+  long ackAfterSeconds;         // ... when the whole seconds since the last one exceed this
+  bool interruptEnds;           // rx_sigint ends the loop
+  int confirmations;            // acknowledgements sent after a complete transfer
   bool printClientDone;
   bool removeLocalOnTimeout;  // a timed-out fetch's local file is of no use to anyone
 };
@@ -33,18 +33,18 @@ extern const ReceivePolicy REPORT_POLICY;
 
 // What the session asks for: a get or listing request by name, or a queue report.
 struct SessionRequest {
-  uint8_t cmd;                 // KESTIL_GET, KESTIL_LS or KESTIL_QREPORT
+  uint8_t cmd;  // KESTIL_GET, KESTIL_LS or KESTIL_QREPORT
   uint8_t flags;
-  const char *name;            // get and listing
-  const GroupLimit *limits;    // queue report
+  const char *name;          // get and listing
+  const GroupLimit *limits;  // queue report
   uint8_t numLimits;
 };
 
 struct ReceiveSession {
   const ReceivePolicy *policy;
-  int fd;                      // transfer socket
+  int fd;  // transfer socket
   const struct sockaddr_in *target;
-  int localFd;                 // the local file (the process-wide outputFd)
+  int localFd;  // the local file (the process-wide outputFd)
   const char *localName;
   const char *stateName;
   StateMapping state;
@@ -56,12 +56,12 @@ struct ReceiveSession {
 
   // Transfer state.
   bool success;
-  int timeout;                 // consecutive idle ticks
+  int timeout;  // consecutive idle ticks
   int dataSinceLastAck;
   bool receivedData;
   bool errorOut;
   bool md5Valid;
-  uint32_t file_size;          // from the metadata; 0 until the first one
+  uint32_t file_size;  // from the metadata; 0 until the first one
   KestilTimespec modTime;
   struct timeval startTime;
   struct timeval lastAckTime;
@@ -69,8 +69,8 @@ struct ReceiveSession {
 
 // A session of `policy` on the transfer socket `fd`, receiving into the process-wide outputFd
 // (named `localName`); the transfer state is set by beginSession.
-ReceiveSession newSession(const ReceivePolicy &policy, int fd, const struct sockaddr_in *target,
-                          const char *localName, const SessionRequest &request);
+ReceiveSession newSession(const ReceivePolicy &policy, int fd, const struct sockaddr_in *target, const char *localName,
+                          const SessionRequest &request);
 
 // An option's seconds as the int the sessions take; capped rather than wrapped.
 int clampSeconds(long seconds);

@@ -58,7 +58,8 @@ void qRep(int fd, const struct sockaddr_in *target, char **q_args, int argc, uin
     std::exit(1);
   }
 
-  ReceiveSession s = newSession(REPORT_POLICY, fd, target, reportName, {KESTIL_QREPORT, flags, nullptr, limits, numLimits});
+  ReceiveSession s =
+      newSession(REPORT_POLICY, fd, target, reportName, {KESTIL_QREPORT, flags, nullptr, limits, numLimits});
   char stateName[STATE_NAME_MAX];
   if (!runFetch(s, ".q_report.kestil_state.", stateName, sizeof stateName, timeout_limit_secs)) std::exit(1);
 

@@ -16,7 +16,7 @@
 namespace {
 
 const char RM_USAGE[] = "rm [-h host] [-L] <remote file>";
-constexpr size_t RM_LIMIT = 200;       // whole datagram, ordinary names
+constexpr size_t RM_LIMIT = 200;        // whole datagram, ordinary names
 constexpr size_t RM_LONG_LIMIT = 1400;  // whole datagram with -L
 constexpr size_t RM_HEADER_LEN = 2;     // command byte and flags
 

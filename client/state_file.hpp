@@ -11,17 +11,17 @@
 
 #include "common/blk_rx_vector.hpp"
 
-constexpr size_t STATE_NAME_MAX = 1600;          // state file name buffer with its terminator
-constexpr size_t STATE_REMOTE_NAME_MAX = 2048;   // characters of the remote name kept
+constexpr size_t STATE_NAME_MAX = 1600;         // state file name buffer with its terminator
+constexpr size_t STATE_REMOTE_NAME_MAX = 2048;  // characters of the remote name kept
 constexpr const char *STATE_SUFFIX = ".kestil_state";
 // ".%s.kestil_state" must fit the name buffer: 1 + name + 13 + terminator.
 constexpr size_t LOCAL_NAME_MAX = STATE_NAME_MAX - 15;
 
 // The remote endpoint as stored: fixed widths whatever the platform's sockaddr_in is.
 struct SavedEndpoint {
-  uint16_t family;   // little-endian, 2
-  uint8_t port[2];   // big-endian
-  uint8_t addr[4];   // network order
+  uint16_t family;  // little-endian, 2
+  uint8_t port[2];  // big-endian
+  uint8_t addr[4];  // network order
   uint8_t zero[8];
 };
 

@@ -32,9 +32,7 @@ void setBlkRxVectorFileSize(BlkRxVector *vec, uint32_t fileSize) {
   vec->lastBlk = lastBlkForSize(fileSize, vec->block_size);
 }
 
-int fitsInBlkRxVector(const BlkRxVector *vec, uint32_t blkNum) {
-  return blkNum < vec->blkNumBase + BLK_RX_WINDOW;
-}
+int fitsInBlkRxVector(const BlkRxVector *vec, uint32_t blkNum) { return blkNum < vec->blkNumBase + BLK_RX_WINDOW; }
 
 int blkIsInVector(const BlkRxVector *vec, uint32_t blkNum) {
   if (blkNum < vec->blkNumBase) return 1;

@@ -15,13 +15,13 @@ struct KestilTimespec {
 };
 
 struct BlkRxVector {
-  uint32_t blkNumBase;    // multiple of 8; every block below it is received
-  uint32_t lastBlk;       // data blocks + 1 (block 0 is the metadata); 0 while the size is unknown
+  uint32_t blkNumBase;  // multiple of 8; every block below it is received
+  uint32_t lastBlk;     // data blocks + 1 (block 0 is the metadata); 0 while the size is unknown
   uint32_t file_size;
   uint32_t block_size;
   uint32_t uniqueBlkCnt;
   KestilTimespec modTime;
-  int32_t head;           // ring byte holding blocks blkNumBase .. blkNumBase + 7
+  int32_t head;  // ring byte holding blocks blkNumBase .. blkNumBase + 7
   uint8_t md5[16];
   uint8_t vector[128];
 };

@@ -21,8 +21,8 @@ int md5_buff(const void *buff, size_t len, uint8_t digest[16]);
 int fill_vecack_packet(uint8_t *dst, int byteLimit, const BlkRxVector *vec, int abort);
 void sendVectorAck(int fd, const struct sockaddr_in *target, const BlkRxVector *vec, int abort);
 // get (10), put (1) or directory-listing (2) request with the piggy-backed acknowledgement.
-void sendRequest(int fd, const struct sockaddr_in *target, const char *remote_filename,
-                 const BlkRxVector *rxSet, uint8_t flags, uint8_t cmd);
+void sendRequest(int fd, const struct sockaddr_in *target, const char *remote_filename, const BlkRxVector *rxSet,
+                 uint8_t flags, uint8_t cmd);
 // Queue-report request; `limits` hold plain numbers and are written big-endian.
 void sendQReq(int fd, const struct sockaddr_in *target, const BlkRxVector *rxSet, uint8_t num_grps,
               const GroupLimit *limits, uint8_t flags);
@@ -32,5 +32,5 @@ uint8_t processData(const uint8_t *pkt, int nread, int outputFd, uint32_t filesi
                     int ignoreFileSize);
 // 1 when the datagram is this transfer's metadata from `client`'s address and port.
 uint8_t processMetadata(const uint8_t *buff, int nread, const struct sockaddr_in *client,
-                        const struct sockaddr_in *remote, uint32_t *filesize, uint32_t reqId,
-                        KestilTimespec *modTime, uint8_t *md5);
+                        const struct sockaddr_in *remote, uint32_t *filesize, uint32_t reqId, KestilTimespec *modTime,
+                        uint8_t *md5);

@@ -34,8 +34,8 @@ int appendPiggyback(uint8_t *buf, int len, const BlkRxVector *rxSet) {
 // Sends one request; `err` keeps the system error of a failed or short send for the report.
 ssize_t sendDatagram(int fd, const struct sockaddr_in *target, const uint8_t *buf, int len, int *err) {
   errno = 0;
-  ssize_t sent = sendto(fd, buf, static_cast<size_t>(len), 0, reinterpret_cast<const sockaddr *>(target),
-                        sizeof(sockaddr_in));
+  ssize_t sent =
+      sendto(fd, buf, static_cast<size_t>(len), 0, reinterpret_cast<const sockaddr *>(target), sizeof(sockaddr_in));
   *err = errno;
   return sent;
 }
@@ -69,8 +69,8 @@ void sendVectorAck(int fd, const struct sockaddr_in *target, const BlkRxVector *
   if (len > 0) socket_write(fd, buf, len, target);
 }
 
-void sendRequest(int fd, const struct sockaddr_in *target, const char *remote_filename,
-                 const BlkRxVector *rxSet, uint8_t flags, uint8_t cmd) {
+void sendRequest(int fd, const struct sockaddr_in *target, const char *remote_filename, const BlkRxVector *rxSet,
+                 uint8_t flags, uint8_t cmd) {
   uint8_t buf[KESTIL_MAX_DATAGRAM];
   const size_t nameLen = std::strlen(remote_filename);
   const size_t limit = (flags & KESTIL_FLAG_LONG_NAME) != 0 ? LONG_NAME_LIMIT : NAME_LIMIT;

@@ -36,8 +36,8 @@ uint8_t processData(const uint8_t *pkt, int nread, int outputFd, uint32_t filesi
 }
 
 uint8_t processMetadata(const uint8_t *buff, int nread, const struct sockaddr_in *client,
-                        const struct sockaddr_in *remote, uint32_t *filesize, uint32_t reqId,
-                        KestilTimespec *modTime, uint8_t *md5) {
+                        const struct sockaddr_in *remote, uint32_t *filesize, uint32_t reqId, KestilTimespec *modTime,
+                        uint8_t *md5) {
   KESTIL_metadata meta{};
   if (nread < 0 || !decodeMetadata(buff, static_cast<size_t>(nread), &meta)) return 0;
   if (remote->sin_port != client->sin_port || remote->sin_addr.s_addr != client->sin_addr.s_addr) return 0;

@@ -42,8 +42,7 @@ int sendMetadata(KESTIL_TXState *tx, int tofd, const struct sockaddr_in *addr) {
 
 // Moves nextBlkNum over blocks the receiver already has, within the window and the file.
 void skipAcknowledged(KESTIL_TXState *tx, uint32_t vecEnd) {
-  while (tx->nextBlkNum < vecEnd && tx->nextBlkNum < tx->rxVec.lastBlk &&
-         blkIsInVector(&tx->rxVec, tx->nextBlkNum)) {
+  while (tx->nextBlkNum < vecEnd && tx->nextBlkNum < tx->rxVec.lastBlk && blkIsInVector(&tx->rxVec, tx->nextBlkNum)) {
     tx->nextBlkNum++;
   }
 }

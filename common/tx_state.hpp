@@ -11,19 +11,19 @@
 
 struct KESTIL_TXState {
   uint16_t blkSize;
-  uint32_t nextBlkNum;     // 0: the metadata
-  uint32_t reqId;          // already in network byte order
+  uint32_t nextBlkNum;  // 0: the metadata
+  uint32_t reqId;       // already in network byte order
   uint32_t size;
   uint8_t flags;
   int fd;
   char filename[257];
-  BlkRxVector rxVec;       // the sender's copy of the receiver's vector
+  BlkRxVector rxVec;  // the sender's copy of the receiver's vector
   struct stat stat;
   int ackCnt;
   int lastWrapAckCnt;
   int dataCnt;
   char *tmpFileName;
-  char *fileContents;      // whole file when cacheFile succeeded, else null; owned
+  char *fileContents;  // whole file when cacheFile succeeded, else null; owned
 };
 
 // Sends block nextBlkNum; 33 for the metadata, the bytes sent for a data block, or the

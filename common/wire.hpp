@@ -30,20 +30,20 @@ constexpr uint8_t KESTIL_RM_FLAG_RECURSIVE = 1;
 constexpr uint8_t KESTIL_RM_FLAG_FORCE = 2;
 
 constexpr int KESTIL_MAX_DATAGRAM = 1500;
-constexpr uint16_t KESTIL_PORT = 3223;          // the remote file service's transfer port
-constexpr uint32_t KESTIL_REQ_ID = 1;           // every request carries it
-constexpr uint32_t KESTIL_BLOCK_SIZE = 141;     // block size of every new transfer
+constexpr uint16_t KESTIL_PORT = 3223;       // the remote file service's transfer port
+constexpr uint32_t KESTIL_REQ_ID = 1;        // every request carries it
+constexpr uint32_t KESTIL_BLOCK_SIZE = 141;  // block size of every new transfer
 constexpr int KESTIL_METADATA_LEN = 33;
 constexpr int KESTIL_ERROR_LEN = 13;
 constexpr int KESTIL_VECACK_HEADER_LEN = 5;
-constexpr int KESTIL_VECACK_MAX_LEN = 133;      // an acknowledgement datagram of its own
+constexpr int KESTIL_VECACK_MAX_LEN = 133;  // an acknowledgement datagram of its own
 constexpr int KESTIL_MAX_GROUP_LIMITS = 20;
 constexpr int KESTIL_GROUP_LIMIT_LEN = 9;
 
 inline uint16_t loadBe16(const uint8_t *p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
 inline uint32_t loadBe32(const uint8_t *p) {
-  return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-         static_cast<uint32_t>(p[2]) << 8 | p[3];
+  return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 | static_cast<uint32_t>(p[2]) << 8 |
+         p[3];
 }
 // A `width`-byte (1 to 4) big-endian number placed at the low end of a 32-bit value.
 inline uint32_t loadBeN(const uint8_t *p, int width) {

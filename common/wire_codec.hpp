@@ -59,7 +59,7 @@ struct KESTIL_get {
   uint32_t reqId;
   const char *name;  // NUL-terminated inside the datagram
   size_t nameLen;
-  bool hasAck;       // a piggy-backed acknowledgement follows the name
+  bool hasAck;  // a piggy-backed acknowledgement follows the name
   KESTIL_vecack ack;
 };
 

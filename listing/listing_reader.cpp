@@ -16,8 +16,8 @@
 
 namespace {
 
-constexpr unsigned LISTING_BUF = 4128;      // the largest record
-constexpr unsigned RECORD_FIXED_BYTES = 10; // length, size, group, priority, flags, name's zero
+constexpr unsigned LISTING_BUF = 4128;       // the largest record
+constexpr unsigned RECORD_FIXED_BYTES = 10;  // length, size, group, priority, flags, name's zero
 
 void logInflateFailure(int ret) {
   DBG_print(4, "NOT OK: ");

@@ -12,8 +12,8 @@
 
 namespace {
 
-constexpr size_t PATH_BUF = 4097;       // at most 4096 characters and the zero byte
-constexpr uint32_t UNKNOWN_SIZE = 1024; // size listed for an entry that stat rejects
+constexpr size_t PATH_BUF = 4097;        // at most 4096 characters and the zero byte
+constexpr uint32_t UNKNOWN_SIZE = 1024;  // size listed for an entry that stat rejects
 
 bool isHiddenOrSelf(const char *name, int includeHidden) {
   if (name[0] == '\0' || strcmp(name, ".") == 0 || strcmp(name, "..") == 0) return true;
@@ -62,9 +62,7 @@ void recursive_add_files(FileListing *listing, const char *path, int recurse, in
     const bool cut = want < 0 || static_cast<size_t>(want) >= sizeof joined;
     switch (entry->d_type) {
       case DT_REG:
-      case DT_LNK:
-        addRecord(listing, joined, sizeOf(joined), 0);
-        break;
+      case DT_LNK: addRecord(listing, joined, sizeOf(joined), 0); break;
       case DT_DIR:
         if (recurse == 0) {
           addRecord(listing, joined, 0, LISTING_FLAG_DIR);
@@ -76,8 +74,7 @@ void recursive_add_files(FileListing *listing, const char *path, int recurse, in
           recursive_add_files(listing, joined, recurse, includeHidden);
         }
         break;
-      default:
-        break;  // other kinds, and entries whose kind the directory read does not report
+      default: break;  // other kinds, and entries whose kind the directory read does not report
     }
   }
   errno = 0;

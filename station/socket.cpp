@@ -99,8 +99,8 @@ int socket_resolve_host(const char *host, struct in_addr *addr) {
   return 1;
 }
 
-int socket_send_packet_and_read_response(const char *host, const char *service, const void *req,
-                                         int len, void *resp, int size, int timeout) {
+int socket_send_packet_and_read_response(const char *host, const char *service, const void *req, int len, void *resp,
+                                         int size, int timeout) {
   int port = servicePort(service);
   if (port < 0 || req == nullptr || resp == nullptr || len <= 0 || size <= 0) return -1;
   sockaddr_in target{};

@@ -22,16 +22,16 @@ int socket_write(int fd, const void *buf, int len, const struct sockaddr_in *to)
 int socket_resolve_host(const char *host, struct in_addr *addr);
 // Sends `req` to `service` on `host` (null: 127.0.0.1) and waits up to `timeout` milliseconds
 // for one answer from that address and port. Returns the bytes stored in `resp`, or -1.
-int socket_send_packet_and_read_response(const char *host, const char *service, const void *req,
-                                         int len, void *resp, int size, int timeout);
+int socket_send_packet_and_read_response(const char *host, const char *service, const void *req, int len, void *resp,
+                                         int size, int timeout);
 
 // The debug log: syslog under the program's name, the level as priority.
 void DBG_init(const char *progname);
 void DBG_setLevel(int level);
 [[gnu::format(printf, 2, 3)]] void DBG_print(int level, const char *format, ...);
 // As DBG_print, followed by ": " and the text of the current errno.
-[[gnu::format(printf, 5, 6)]] void DBG_syserr(int line, const char *function, const char *file,
-                                              int level, const char *format, ...);
+[[gnu::format(printf, 5, 6)]] void DBG_syserr(int line, const char *function, const char *file, int level,
+                                              const char *format, ...);
 
 // Test hook: when set, every line that passes the level filter also goes here.
 using DbgHook = void (*)(int level, const char *line);
@@ -40,10 +40,10 @@ void DBG_setHook(DbgHook hook);
 // The logging pattern of the system: after a call whose failure is to be logged, log the
 // message with the system error when errno is set, then clear errno. Callers clear errno
 // before the call.
-#define DBG_LOG_ERRNO(level, ...)                                            \
-  do {                                                                       \
-    if (errno != 0) {                                                        \
-      DBG_syserr(__LINE__, __func__, __FILE__, (level), __VA_ARGS__);        \
-      errno = 0;                                                             \
-    }                                                                        \
+#define DBG_LOG_ERRNO(level, ...)                                     \
+  do {                                                                \
+    if (errno != 0) {                                                 \
+      DBG_syserr(__LINE__, __func__, __FILE__, (level), __VA_ARGS__); \
+      errno = 0;                                                      \
+    }                                                                 \
   } while (0)

@@ -36,9 +36,12 @@ const char USAGE[] =
 TEST(Multicall, UsageListWhenNoCommandIsSelected) {
   const std::string dir = kt::makeTempDir();
   // First-argument dispatch compares the command word only, exactly.
-  for (const auto &[argv0, args] : std::vector<std::pair<std::string, std::vector<std::string>>>{
-           {"kestil", {}}, {"/usr/local/bin/kestil", {}}, {"kestil", {"kestil-put"}}, {"kestil", {"Progress"}},
-           {"kestil-Progress", {}}}) {
+  for (const auto &[argv0, args] :
+       std::vector<std::pair<std::string, std::vector<std::string>>>{{"kestil", {}},
+                                                                     {"/usr/local/bin/kestil", {}},
+                                                                     {"kestil", {"kestil-put"}},
+                                                                     {"kestil", {"Progress"}},
+                                                                     {"kestil-Progress", {}}}) {
     EXPECT_EQ(kt::shown(kt::run(dir, argv0, args, RUN_MS)), (kt::Shown{0, USAGE, ""})) << argv0;
   }
 }

@@ -20,8 +20,10 @@ TEST(StateRecord, FirstWrittenRecordHasTheFileLayout) {
   ASSERT_EQ(b.size(), 2248u);
   // fileNum 0; family 2 (little-endian), port 3223 and address big-endian, 8 zero bytes;
   // vector: base, lastBlk, size 0, block size 1, count 0, time 0, head 0.
-  std::string head("\0\0\0\0\x02\0\x0C\x97\x7F\0\x05\x4D\0\0\0\0\0\0\0\0"
-                   "\0\0\0\0\0\0\0\0\0\0\0\0\x01\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 52);
+  std::string head(
+      "\0\0\0\0\x02\0\x0C\x97\x7F\0\x05\x4D\0\0\0\0\0\0\0\0"
+      "\0\0\0\0\0\0\0\0\0\0\0\0\x01\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0",
+      52);
   EXPECT_EQ(b.substr(0, 52), head);
   EXPECT_EQ(b.substr(68, 128), std::string(128, '\0'));  // bitmap
   EXPECT_EQ(b.substr(196), "/rem/f" + std::string(2049 - 6 + 3, '\0'));

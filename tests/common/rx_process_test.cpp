@@ -59,7 +59,7 @@ TEST_F(ProcessData, LengthRulesRefuseBeforeTraceAndCount) {
 
   EXPECT_EQ(offer(block(2, 141, 'b'), 100000), 1);  // 143 bytes, code 5
   EXPECT_EQ(trace_, "   block 2, ");
-  EXPECT_EQ(offer(block(300, 141, 'c'), 100000), 1);  // 144 bytes, code 6
+  EXPECT_EQ(offer(block(300, 141, 'c'), 100000), 1);       // 144 bytes, code 6
   EXPECT_EQ(offer(Bytes{8, 0, 0, 0, 4, 'z'}, 100000), 1);  // wider header than needed
   EXPECT_EQ(offer(Bytes{5, 6}, 100000), 1);                // no data: marked, nothing written
   EXPECT_EQ(file().size(), 300u * 141u);
@@ -71,12 +71,12 @@ TEST_F(ProcessData, LengthRulesRefuseBeforeTraceAndCount) {
 
 TEST_F(ProcessData, SizeBoundCountsRefusedBlocks) {
   setBlkRxVectorFileSize(&vec_, 1000);
-  EXPECT_EQ(offer(block(8, 13, 'e'), 1000), 1);  // offset 987: the file's last 13 bytes
+  EXPECT_EQ(offer(block(8, 13, 'e'), 1000), 1);   // offset 987: the file's last 13 bytes
   EXPECT_EQ(offer(block(9, 141, 'f'), 1000), 0);  // offset 1128
   EXPECT_EQ(trace_, "   block 9, ");
   EXPECT_EQ(file(), std::string(987, '\0') + std::string(13, 'e'));
   EXPECT_FALSE(blkIsInVector(&vec_, 9));
-  EXPECT_EQ(vec_.uniqueBlkCnt, 2u);  // the refused block is counted all the same
+  EXPECT_EQ(vec_.uniqueBlkCnt, 2u);                   // the refused block is counted all the same
   EXPECT_EQ(offer(block(9, 141, 'f'), 0, -1, 1), 1);  // unless the bound is ignored
 }
 

@@ -39,7 +39,8 @@ TEST(SelectCall, DeadlinesQueuedDatagramsAndFailures) {
   EXPECT_EQ(select_call(peer.fd(), 5, 0), 1);
   EXPECT_LT(msSince(start), 2500);  // at once, not at the deadline
 
-  struct sigaction sa{}, old{};
+  struct sigaction sa {
+  }, old{};
   sa.sa_handler = onAlarm;  // no SA_RESTART: the wait must come back
   sigaction(SIGALRM, &sa, &old);
   itimerval timer{};

@@ -20,8 +20,12 @@ TEST(WireCodec, DataBlocksUseTheNarrowestNumber) {
   const struct {
     uint32_t blkNum;
     Bytes header;
-  } cases[] = {{255, {5, 0xFF}},           {256, {6, 1, 0}},           {65535, {6, 0xFF, 0xFF}},
-               {65536, {7, 1, 0, 0}},      {16777215, {7, 0xFF, 0xFF, 0xFF}}, {16777216, {8, 1, 0, 0, 0}}};
+  } cases[] = {{255, {5, 0xFF}},
+               {256, {6, 1, 0}},
+               {65535, {6, 0xFF, 0xFF}},
+               {65536, {7, 1, 0, 0}},
+               {16777215, {7, 0xFF, 0xFF, 0xFF}},
+               {16777216, {8, 1, 0, 0, 0}}};
   for (const auto &c : cases) {
     Buffer buf;
     ASSERT_EQ(encodeDataBlock(buf.b, sizeof buf.b, c.blkNum, nullptr, 0), c.header.size());

@@ -31,8 +31,8 @@ Exchange ask(const char *ip, const std::vector<std::string> &args, const std::ve
 }
 
 std::vector<uint8_t> queueOp(uint8_t cmd, uint8_t group, uint8_t priority, const std::string &name) {
-  std::string d = std::string{static_cast<char>(cmd), static_cast<char>(group), static_cast<char>(priority), '\0'} +
-                  name + '\0';
+  std::string d =
+      std::string{static_cast<char>(cmd), static_cast<char>(group), static_cast<char>(priority), '\0'} + name + '\0';
   return std::vector<uint8_t>(d.begin(), d.end());
 }
 
@@ -49,9 +49,24 @@ TEST(FilemgrQueue, RequestsAndEachKindOfAnswer) {
     int status;
   } cases[] = {
       // 300 keeps its low 8 bits: group 44. 19 bytes.
-      {"127.0.6.60", {"qadd", "-g", "300", "-p", "7", "/data/img/a.jp"}, {0x11, 0x00}, queueOp(0x10, 44, 7, "/data/img/a.jp"), "", 0},
-      {"127.0.6.61", {"qadd", "f"}, {0x11, 0xFE}, queueOp(0x10, 0, 0, "f"), "bad result code -2 from add operation\n", 6},
-      {"127.0.6.62", {"qadd", "f"}, {0x13, 0x00}, queueOp(0x10, 0, 0, "f"), "response code incorrect.  Got 0x13 expected 0x11\n", 5},
+      {"127.0.6.60",
+       {"qadd", "-g", "300", "-p", "7", "/data/img/a.jp"},
+       {0x11, 0x00},
+       queueOp(0x10, 44, 7, "/data/img/a.jp"),
+       "",
+       0},
+      {"127.0.6.61",
+       {"qadd", "f"},
+       {0x11, 0xFE},
+       queueOp(0x10, 0, 0, "f"),
+       "bad result code -2 from add operation\n",
+       6},
+      {"127.0.6.62",
+       {"qadd", "f"},
+       {0x13, 0x00},
+       queueOp(0x10, 0, 0, "f"),
+       "response code incorrect.  Got 0x13 expected 0x11\n",
+       5},
       {"127.0.6.63", {"qrm", "-g", "3", "f"}, {0x13, 0x00}, queueOp(0x12, 3, 0, "f"), "", 0},
       {"127.0.6.65", {"status"}, {0xF1}, {0x01}, "", 0},
       {"127.0.6.66", {"status"}, {0x00}, {0x01}, "response code incorrect.  Got 0x00 expected 0xF1\n", 5},

@@ -26,8 +26,8 @@ TEST(GetDownload, CleanDownloadIgnoresMalformedAndRepeatedDatagrams) {
   EXPECT_EQ(run.recv(), kt::request(10, 4, "/data/a.bin"));
   std::vector<uint8_t> overlong = kt::blockDatagram(std::string(5000, 'X'), 2);
   overlong.resize(146, 'X');  // one byte too long for a 141-byte block: must not overwrite block 2
-  for (auto junk : {std::vector<uint8_t>(META.begin(), META.end() - 1), kt::metadataDatagram(1, MD5, 2),
-                    kt::bytes({5}), kt::bytes({12, 1, 2, 3})})
+  for (auto junk : {std::vector<uint8_t>(META.begin(), META.end() - 1), kt::metadataDatagram(1, MD5, 2), kt::bytes({5}),
+                    kt::bytes({12, 1, 2, 3})})
     run.send(junk);
   run.send(META);
   for (uint32_t b = 1; b <= 30; ++b) {

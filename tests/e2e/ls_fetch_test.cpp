@@ -8,7 +8,8 @@
 #include "tests/support/file_server.hpp"
 
 TEST(LsFetch, ListingIsReceivedKeptAndPrinted) {
-  std::string listing = kt::zlibOf(kt::rawRecord("/data/img/a.jpg", 1234, 0, 0, 0) + kt::rawRecord("/data/img/old", 0, 0, 0, 0x80));
+  std::string listing =
+      kt::zlibOf(kt::rawRecord("/data/img/a.jpg", 1234, 0, 0, 0) + kt::rawRecord("/data/img/old", 0, 0, 0, 0x80));
   kt::RemoteRun run("127.0.5.20", "kestil-ls", {"-o", "-a-r", "/data/img"});
   kt::Served seen = run.serve(listing);
   kt::Result r = run.finish();
@@ -20,13 +21,14 @@ TEST(LsFetch, ListingIsReceivedKeptAndPrinted) {
   EXPECT_TRUE(std::regex_match(kept[0], std::regex(R"(dirlisting\.\d{4}-\d\d-\d\d_\d\d:\d\d:\d\d\.\w{6})")));
   EXPECT_EQ(kt::readFile(run.dir + "/" + kept[0]), listing);
   EXPECT_TRUE(kt::namesStartingWith(run.dir, ".dir_listing").empty());
-  EXPECT_EQ(kt::plainShown(r), (kt::Shown{0,
-                                          "File is " + std::to_string(listing.size()) +
-                                              " bytes!\nMD5 time!\nReceived file " + kept[0] + "...\nElapsed time: T A\n"
-                                              "flags    group    priority size     filename\n"
-                                              "0        0        0        1234     /data/img/a.jpg\n"
-                                              "80       0        0        0        /data/img/old\n",
-                                          ""}));
+  EXPECT_EQ(kt::plainShown(r),
+            (kt::Shown{0,
+                       "File is " + std::to_string(listing.size()) + " bytes!\nMD5 time!\nReceived file " + kept[0] +
+                           "...\nElapsed time: T A\n"
+                           "flags    group    priority size     filename\n"
+                           "0        0        0        1234     /data/img/a.jpg\n"
+                           "80       0        0        0        /data/img/old\n",
+                       ""}));
   // One confirmation of the complete vector, after any periodic ones; never a closing form.
   ASSERT_FALSE(seen.acks.empty());
   EXPECT_EQ(seen.acks.back(), kt::bytes({9, 0, 0, 0, 0, 0xC0}));
@@ -46,5 +48,6 @@ TEST(LsFetch, TimedOutFetchRemovesTheListingAndKeepsItsState) {
   EXPECT_FALSE(kt::exists(run.dir + "/" + name));
   // No metadata came: the size stays unknown and the statistics line has no average.
   EXPECT_EQ(kt::plainShown(r),
-            (kt::Shown{1, "Invalid argument 'x'.\nMD5 time!\nReceive file " + name + " timed out...\nElapsed time: T\n", ""}));
+            (kt::Shown{1, "Invalid argument 'x'.\nMD5 time!\nReceive file " + name + " timed out...\nElapsed time: T\n",
+                       ""}));
 }

@@ -28,8 +28,9 @@ kt::Shown progress(const std::string &dir, const std::string &bytes, const std::
   return kt::shown(kt::run(dir, "kestil-progress", {arg}, 10000));
 }
 
-const std::string HEAD = "State file is .x.kestil_state\nRemote file: /data/img/a.jpg\nFile number: 16909060\n"
-                         "Remote host: 127.0.5.9:3223\nBlock size: 141\n";
+const std::string HEAD =
+    "State file is .x.kestil_state\nRemote file: /data/img/a.jpg\nFile number: 16909060\n"
+    "Remote host: 127.0.5.9:3223\nBlock size: 141\n";
 const std::string MISSING(64, 'O');
 
 }  // namespace
@@ -40,10 +41,12 @@ TEST(ProgressCommand, DrawsMapFromBaseWithLinesOf64Blocks) {
   std::string rec = record(64, 200, 69, {{0, 0x3C}, {8, 0x20}});
   for (const char *arg : {"x", ".x.kestil_state"})
     EXPECT_EQ(progress(dir, rec, arg),
-              (kt::Shown{0, HEAD + "Percent complete: 34.5 (69 / 200)\nReceived: 0 - 63\n"
-                                   "00000064: OO....OOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOO\n"
-                                   "00000128: OO.OOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOO\n"
-                                   "00000192: OOOOOOOO\n", ""}));
+              (kt::Shown{0,
+                         HEAD + "Percent complete: 34.5 (69 / 200)\nReceived: 0 - 63\n"
+                                "00000064: OO....OOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOO\n"
+                                "00000128: OO.OOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOOO\n"
+                                "00000192: OOOOOOOO\n",
+                         ""}));
 }
 
 TEST(ProgressCommand, ElidesBlocksBeyondTheWindowAndShowsZeroBeforeMetadata) {

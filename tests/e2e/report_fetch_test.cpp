@@ -20,14 +20,15 @@ TEST(ReportFetch, ReportIsRequestedWithLimitsReceivedKeptAndPrinted) {
   EXPECT_TRUE(std::regex_match(kept[0], std::regex(R"(qreport\.\d{4}-\d\d-\d\d_\d\d:\d\d:\d\d\.\w{6})")));
   EXPECT_EQ(kt::readFile(run.dir + "/" + kept[0]), report);
   EXPECT_TRUE(kt::namesStartingWith(run.dir, ".q_report").empty());
-  EXPECT_EQ(kt::plainShown(r), (kt::Shown{0,
-                                          "group: 3 size 0 entries 10\nSent 18 byte qreq!\nFile is " +
-                                              std::to_string(report.size()) + " bytes!\nMD5 time!\nReceived file " +
-                                              kept[0] + "...\nElapsed time: T A\n"
-                                              "flags    group    priority size     filename\n"
-                                              "0        3        1        77       /q/one\n"
-                                              "0        3        2        5        /q/two\n",
-                                          "trailing end result\n"}));
+  EXPECT_EQ(kt::plainShown(r),
+            (kt::Shown{0,
+                       "group: 3 size 0 entries 10\nSent 18 byte qreq!\nFile is " + std::to_string(report.size()) +
+                           " bytes!\nMD5 time!\nReceived file " + kept[0] +
+                           "...\nElapsed time: T A\n"
+                           "flags    group    priority size     filename\n"
+                           "0        3        1        77       /q/one\n"
+                           "0        3        2        5        /q/two\n",
+                       "trailing end result\n"}));
   // Seven confirmations of the complete vector.
   kt::expectClosing(seen.acks, seen.ackMs, kt::bytes({9, 0, 0, 0, 0, 0xC0}));
 }

@@ -12,7 +12,8 @@ TEST(ResumeDownload, StopLengthEndsIncompleteAndResumeCompletes) {
   kt::RemoteRun first("127.0.5.3", "kestil-get", {"-l", "1410", "-t", "5", "/d/a.bin"});
   kt::Served s1 = first.serve(content);
   kt::Result r1 = first.finish();
-  EXPECT_EQ(kt::plainShown(r1), (kt::Shown{13, "File is 4230 bytes!\n\nWaiting for satellite to stop spamming...\n", ""}));
+  EXPECT_EQ(kt::plainShown(r1),
+            (kt::Shown{13, "File is 4230 bytes!\n\nWaiting for satellite to stop spamming...\n", ""}));
   // Blocks 0-10 held: base 8, then 1110 0000 and the two bytes up to block 24's.
   std::vector<uint8_t> held = kt::bytes({0, 0, 0, 8, 0xE0, 0, 0});
   ASSERT_EQ(s1.finals.size(), 7u);
@@ -29,8 +30,10 @@ TEST(ResumeDownload, StopLengthEndsIncompleteAndResumeCompletes) {
   request.insert(request.end(), held.begin(), held.end());
   ASSERT_FALSE(s2.requests.empty());
   EXPECT_EQ(s2.requests[0], request);
-  EXPECT_EQ(kt::plainShown(r2), (kt::Shown{0, "MD5 time!\nclient done\nReceived file a.bin...\nElapsed time: T A\n"
-                                              "Waiting for satellite to stop spamming...\n", ""}));
+  EXPECT_EQ(kt::plainShown(r2), (kt::Shown{0,
+                                           "MD5 time!\nclient done\nReceived file a.bin...\nElapsed time: T A\n"
+                                           "Waiting for satellite to stop spamming...\n",
+                                           ""}));
 }
 
 TEST(ResumeDownload, RefusesMissingAndShortStateRecords) {

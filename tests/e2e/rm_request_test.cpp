@@ -62,8 +62,11 @@ TEST(RmCommand, NamesThatDoNotFitAreLeftOutAndLaterOnesStillTried) {
 TEST(RmCommand, NothingIsSentWithoutAPackedName) {
   RmRun run = runRm("127.0.6.45", {std::string(198, 'd')});
   EXPECT_TRUE(run.sent.empty());
-  EXPECT_EQ(kt::shown(run.result), (kt::Shown{0, "Packing " + std::string(198, 'd') + "\nNot packed, too long for the request: " +
-                                                     std::string(198, 'd') + "\nNo name fits in the request; nothing sent\n", ""}));
+  EXPECT_EQ(kt::shown(run.result), (kt::Shown{0,
+                                              "Packing " + std::string(198, 'd') +
+                                                  "\nNot packed, too long for the request: " + std::string(198, 'd') +
+                                                  "\nNo name fits in the request; nothing sent\n",
+                                              ""}));
 
   run = runRm("127.0.6.46", {});
   EXPECT_TRUE(run.sent.empty());

@@ -21,8 +21,9 @@ TEST(SimGet, PassGapEndsTheGetAndResumeCompletesItWhileProgressShowsTheRecord) {
   kt::Child resume = kt::start(sim.dir, "kestil", {"resume", "-t", "10", "pass.bin"});
   kt::Result progress = kt::run(sim.dir, "kestil-progress", {"pass.bin"}, 10000);
   EXPECT_EQ(progress.status, 0) << progress.out << progress.err;
-  EXPECT_TRUE(progress.out.starts_with("State file is .pass.bin.kestil_state\nRemote file: data/pass.bin\n"
-                                       "File number: "))
+  EXPECT_TRUE(
+      progress.out.starts_with("State file is .pass.bin.kestil_state\nRemote file: data/pass.bin\n"
+                               "File number: "))
       << progress.out;
   EXPECT_NE(progress.out.find("Remote host: 127.0.7.2:3223\nBlock size: 141\nPercent complete: "), std::string::npos);
 
@@ -42,9 +43,11 @@ TEST(SimGet, MissingAndRefusedFilesGetErrorReports) {
   simt::mkdirs(sim.root + "/data");
   ASSERT_TRUE(kt::writeFile(sim.dir + "/outside.bin", "secret"));
   // Reason (1 cannot open, 2 path refused, 4 not a file), errno, and the get's code 10.
-  const std::pair<const char *, const char *> cases[] = {
-      {"data/none.bin", "1, 2, 10"}, {"../outside.bin", "2, 13, 10"}, {"/etc/hostname", "2, 13, 10"},
-      {"data/../../outside.bin", "2, 13, 10"}, {"data", "4, 21, 10"}};
+  const std::pair<const char *, const char *> cases[] = {{"data/none.bin", "1, 2, 10"},
+                                                         {"../outside.bin", "2, 13, 10"},
+                                                         {"/etc/hostname", "2, 13, 10"},
+                                                         {"data/../../outside.bin", "2, 13, 10"},
+                                                         {"data", "4, 21, 10"}};
   for (auto [path, codes] : cases) {
     kt::Result r = sim.run(sim.dir, "kestil-get", {"-t", "5", "-o", "x", path});
     EXPECT_EQ(r.status, 14) << path;

@@ -15,7 +15,8 @@ TEST(SimListing, EachFlagListsWhatItShouldAndLsreadPrintsTheSavedListing) {
   simt::Served sim("127.0.7.40");
   ASSERT_TRUE(sim.ready) << sim.err;
   std::string x = simt::mkdirs(sim.root + "/x/d") + "/..";
-  ASSERT_TRUE(kt::writeFile(x + "/b", "12345") && kt::writeFile(x + "/.h", "123") && kt::writeFile(x + "/d/c", "1234567"));
+  ASSERT_TRUE(kt::writeFile(x + "/b", "12345") && kt::writeFile(x + "/.h", "123") &&
+              kt::writeFile(x + "/d/c", "1234567"));
   const std::string b = "0        0        0        5        x/b";
   const std::string h = "0        0        0        3        x/.h";
   const std::string c = "0        0        0        7        x/d/c";

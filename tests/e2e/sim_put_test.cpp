@@ -1,7 +1,7 @@
 // put against kestil-sim: the upload is stored under the root with its modification time, and
 // refused targets reach the client as put failures.
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include "tests/support/sim_process.hpp"
@@ -20,7 +20,7 @@ TEST(SimPut, StoresTheFileWithItsTimeAndRefusesTargetsItMustNotWrite) {
   EXPECT_EQ(r.status, 0) << r.out;
   EXPECT_NE(r.out.find("Done!\nElapsed time: "), std::string::npos) << r.out;
   EXPECT_EQ(kt::md5Hex(kt::readFile(up + "/stored.bin")), kt::md5Hex(content));
-  struct stat st{};
+  struct stat st {};
   ASSERT_EQ(stat((up + "/stored.bin").c_str(), &st), 0);
   EXPECT_EQ(st.st_mtime, 1714568865);
   EXPECT_EQ(st.st_mode & 0777, 0644u);

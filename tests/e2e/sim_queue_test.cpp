@@ -21,7 +21,8 @@ TEST(SimQueue, FileManagerRequestsAndReportsWithLimitsAndRemoval) {
   }
   // No such file (-2), out of the root (-1), not queued in that group (-2).
   for (auto [argv0, args] : {std::pair{"dlq-add", std::vector<std::string>{"q/none"}},
-                             {"dlq-add", {"../root/q/one"}}, {"dlq-rm", {"-g", "4", "q/one"}}}) {
+                             {"dlq-add", {"../root/q/one"}},
+                             {"dlq-rm", {"-g", "4", "q/one"}}}) {
     kt::Result r = cmd(argv0, args);
     EXPECT_EQ(r.status, 6) << args.back();
     EXPECT_EQ(r.out, std::string("bad result code ") + (args.back() == "../root/q/one" ? "-1" : "-2") +

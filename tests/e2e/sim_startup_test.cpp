@@ -11,8 +11,12 @@ TEST(SimStartup, BadOptionsPortsInUseAndUnservableRootsAreNamed) {
   ASSERT_TRUE(squatter.bind("127.0.7.61", 3224));
   const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
       {{"--loss", "10"}, 2, "kestil-sim: bad value for --loss: '10' (a fraction from 0 to 1, 0.1 = 10%)\nusage: "},
-      {{"--addr", "127.0.7.61"}, 1, "kestil-sim: cannot bind the file manager to 127.0.7.61:3224: Address already in use\n"},
-      {{"--root", "no-such-dir", "--addr", "127.0.7.62"}, 1, "kestil-sim: cannot serve no-such-dir: No such file or directory\n"},
+      {{"--addr", "127.0.7.61"},
+       1,
+       "kestil-sim: cannot bind the file manager to 127.0.7.61:3224: Address already in use\n"},
+      {{"--root", "no-such-dir", "--addr", "127.0.7.62"},
+       1,
+       "kestil-sim: cannot serve no-such-dir: No such file or directory\n"},
   };
   for (const auto &[args, status, err] : cases) {
     kt::Result r = kt::run(dir, "kestil-sim", args, 5000, KESTIL_SIM_BIN);

@@ -13,7 +13,9 @@ namespace {
 std::vector<std::string> logLines;
 
 struct ListingReader : ::testing::Test {
-  void SetUp() override { DBG_setHook([](int, const char *line) { logLines.emplace_back(line); }); }
+  void SetUp() override {
+    DBG_setHook([](int, const char *line) { logLines.emplace_back(line); });
+  }
   void TearDown() override {
     DBG_setHook(nullptr);
     std::filesystem::remove_all(dir);

@@ -55,7 +55,8 @@ struct Queue : ::testing::Test {
   }
   static std::string record(const std::string &name, uint8_t group, uint8_t priority = 0, uint8_t flags = 0) {
     const uint16_t len = static_cast<uint16_t>(name.size() + 4);
-    return std::string(reinterpret_cast<const char *>(&len), 2) + name + '\0' + char(group) + char(priority) + char(flags);
+    return std::string(reinterpret_cast<const char *>(&len), 2) + name + '\0' + char(group) + char(priority) +
+           char(flags);
   }
   std::filesystem::path oldCwd = std::filesystem::current_path();
   std::string dir = kt::makeTempDir();
@@ -114,7 +115,8 @@ TEST_F(Queue, RemovalRelinksHeadAndTailAndIterationNeedsALoadedQueue) {
   dwnq_init("q.dat");
   add({"A", "B", "C"}, 9, 0, 2);
   int calls = 0;
-  iterate_listing_group(9, [](const char *, uint8_t, uint8_t, void *n) { return ++*static_cast<int *>(n); }, &calls);
+  iterate_listing_group(
+      9, [](const char *, uint8_t, uint8_t, void *n) { return ++*static_cast<int *>(n); }, &calls);
   EXPECT_EQ(calls, 1);  // a non-zero answer stops the walk
   dwnq_remove("absent", 9);
   dwnq_remove("C", 9);
@@ -131,7 +133,10 @@ TEST_F(Queue, DataFileRecordsAppendRewriteAndReload) {
   EXPECT_EQ(dwnq_initialized, 1);
   kt::writeFile("a.bin", std::string(10, 'x'));
   dwnq_insert("a.bin", 3, 7, 0x80);
-  EXPECT_EQ(kt::readFile("q.dat"), std::string("\x09\x00" "a.bin\x00" "\x03\x07\x80", 11));
+  EXPECT_EQ(kt::readFile("q.dat"), std::string("\x09\x00"
+                                               "a.bin\x00"
+                                               "\x03\x07\x80",
+                                               11));
   add({"A"}, 5, 0);
   add({"B"}, 1, 0);
   add({"C"}, 5, 0);
@@ -155,7 +160,13 @@ TEST_F(Queue, LoadingSkipsMalformedRecordsAndKeepsRecordsNotYetRead) {
   // record, one stray byte: nothing past a record is read, and the file loses only the
   // stray byte, so that the next append starts a record of its own.
   kt::writeFile("a", "");
-  const std::string bad = std::string("\x02\x00" "ab" "\x06\x00" "abcdef", 12) + record("a", 1) + "\x07";
+  const std::string bad = std::string(
+                              "\x02\x00"
+                              "ab"
+                              "\x06\x00"
+                              "abcdef",
+                              12) +
+                          record("a", 1) + "\x07";
   kt::writeFile("q.dat", bad);
   dwnq_init("q.dat");
   EXPECT_EQ(order(1), (Names{"a"}));

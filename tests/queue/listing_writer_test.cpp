@@ -18,8 +18,10 @@ using Names = std::vector<std::string>;
 
 // The file's decompressed content as Python's zlib sees it.
 std::string pythonInflate(const std::string &path) {
-  const std::string cmd = "python3 -c \"import sys,zlib;sys.stdout.buffer.write(zlib.decompress("
-                          "open(sys.argv[1],'rb').read()))\" " + path;
+  const std::string cmd =
+      "python3 -c \"import sys,zlib;sys.stdout.buffer.write(zlib.decompress("
+      "open(sys.argv[1],'rb').read()))\" " +
+      path;
   std::string out;
   FILE *p = popen(cmd.c_str(), "r");
   for (int c; p != nullptr && (c = fgetc(p)) != EOF;) out += static_cast<char>(c);
@@ -47,12 +49,20 @@ TEST(ListingWriter, RecordsDecodeIndependentlyToTheirExactBytes) {
   const std::string path = finish(l, "/tmp/qreport.");
   // Group, priority, flags at offsets 6, 7, 8; a name too long for a record is cut to the
   // 4118 bytes that fit.
-  const std::string golden = std::string("\x00\x0a" "\0\0\0\0" "\0\0\0" "\0"
-                                         "\x00\x0f" "\x01\x02\x03\x04" "\x01\x02\x80" "a.bin\0", 25);
+  const std::string golden = std::string(
+      "\x00\x0a"
+      "\0\0\0\0"
+      "\0\0\0"
+      "\0"
+      "\x00\x0f"
+      "\x01\x02\x03\x04"
+      "\x01\x02\x80"
+      "a.bin\0",
+      25);
   EXPECT_EQ(pythonInflate(path),
             golden + kt::rawRecord(longName, 9, 0, 0, 0) + kt::rawRecord(std::string(4118, 'm'), 9, 0, 0, 0));
-  EXPECT_EQ(kt::listingRecords(path), (Names{"0/0/0/0/", "80/1/2/16909060/a.bin", "0/0/0/9/" + longName,
-                                             "0/0/0/9/" + std::string(4118, 'm')}));
+  EXPECT_EQ(kt::listingRecords(path),
+            (Names{"0/0/0/0/", "80/1/2/16909060/a.bin", "0/0/0/9/" + longName, "0/0/0/9/" + std::string(4118, 'm')}));
   unlink(path.c_str());
 
   const std::string empty = finish(listing_init(0), "/tmp/dirlisting.");

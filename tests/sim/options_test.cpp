@@ -18,10 +18,36 @@ ParseOutcome parse(std::vector<const char *> args, SimOptions *opts, std::string
 TEST(SimOptions, EveryOptionLandsInItsOwnField) {
   SimOptions o;
   std::string err;
-  ASSERT_EQ(parse({"--root", "/srv/x", "--addr=127.0.7.9", "--port", "4000", "--filemgr-port=4001", "--queue", "q",
-                   "--rate", "9600", "--delay=250", "--loss", "0.1", "--dup", "0.05", "--reorder", "0.2", "--pass",
-                   "30:10", "--seed", "99", "-v", "--idle", "45", "--pace", "300", "--ack-interval", "200",
-                   "--ack-blocks", "16"},
+  ASSERT_EQ(parse({"--root",
+                   "/srv/x",
+                   "--addr=127.0.7.9",
+                   "--port",
+                   "4000",
+                   "--filemgr-port=4001",
+                   "--queue",
+                   "q",
+                   "--rate",
+                   "9600",
+                   "--delay=250",
+                   "--loss",
+                   "0.1",
+                   "--dup",
+                   "0.05",
+                   "--reorder",
+                   "0.2",
+                   "--pass",
+                   "30:10",
+                   "--seed",
+                   "99",
+                   "-v",
+                   "--idle",
+                   "45",
+                   "--pace",
+                   "300",
+                   "--ack-interval",
+                   "200",
+                   "--ack-blocks",
+                   "16"},
                   &o, &err),
             ParseOutcome::Run)
       << err;
@@ -45,10 +71,19 @@ TEST(SimOptions, EveryOptionLandsInItsOwnField) {
 TEST(SimOptions, RefusesBadValuesWithAMessageNamingTheOption) {
   const std::vector<std::vector<const char *>> cases = {
       {"--loss", "10"},  // a percentage where a fraction belongs
-      {"--dup", "-0.1"}, {"--reorder", "x"}, {"--port", "0"}, {"--filemgr-port", "65536"},
+      {"--dup", "-0.1"},
+      {"--reorder", "x"},
+      {"--port", "0"},
+      {"--filemgr-port", "65536"},
       {"--addr", "localhost"},  // exact addresses only
-      {"--pass", "30"}, {"--pass", "0:10"}, {"--rate", "-5"}, {"--relay", "127.0.0.1:5000"},
-      {"--relay", "127.0.0.1", "127.0.0.1:3223"}, {"--delay"}, {"--bogus"}, {"stray"},
+      {"--pass", "30"},
+      {"--pass", "0:10"},
+      {"--rate", "-5"},
+      {"--relay", "127.0.0.1:5000"},
+      {"--relay", "127.0.0.1", "127.0.0.1:3223"},
+      {"--delay"},
+      {"--bogus"},
+      {"stray"},
   };
   for (const auto &args : cases) {
     SimOptions o;
@@ -63,7 +98,7 @@ TEST(SimOptions, PaceFollowsTheLinkRateUnlessGiven) {
   EXPECT_EQ(effectivePace(o, 141), 2000u);
   o.link.rateBps = 9600;  // (141 + 5 + 28) * 8 = 1392 bits per full block
   EXPECT_EQ(effectivePace(o, 141), 6u);
-  o.link.rateBps = 100;   // slower than a block a second still sends
+  o.link.rateBps = 100;  // slower than a block a second still sends
   EXPECT_EQ(effectivePace(o, 141), 1u);
   o.pace = 50;
   EXPECT_EQ(effectivePace(o, 141), 50u);

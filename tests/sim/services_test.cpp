@@ -96,7 +96,7 @@ TEST_F(SimServices, GetSendsEveryBlockOnceThenOnlyWhatTheAcknowledgementReportsM
   EXPECT_EQ(got[3].size(), 20u);  // block 3 (code 5) with the last 18 bytes
   EXPECT_EQ(Bytes(got[3].begin(), got[3].begin() + 2), kt::bytes({5, 3}));
   advance(1000);
-  EXPECT_TRUE(received().empty());  // the pass is spent until an acknowledgement
+  EXPECT_TRUE(received().empty());            // the pass is spent until an acknowledgement
   deliver(kt::bytes({9, 0, 0, 0, 0, 0xD0}));  // 0, 1 and 3 arrived
   advance(50);
   // Only block 2: resent as lost, then repeated while the wire would idle, until the client answers.
@@ -108,7 +108,7 @@ TEST_F(SimServices, GetSendsEveryBlockOnceThenOnlyWhatTheAcknowledgementReportsM
 }
 
 TEST_F(SimServices, PiggyBackedAcknowledgementLimitsAResumeToWhatIsMissing) {
-  ASSERT_TRUE(kt::writeFile("f.bin", kt::patternBytes(705, 6)));  // 5 blocks
+  ASSERT_TRUE(kt::writeFile("f.bin", kt::patternBytes(705, 6)));            // 5 blocks
   deliver(request(KESTIL_GET, "f.bin", kt::bytes({9, 0, 0, 0, 0, 0xE0})));  // holds 0, 1, 2
   advance(50);
   EXPECT_EQ(blocks(), (std::vector<int>{-1, 3, 4, 5}));  // and no second pass of its own
@@ -154,7 +154,7 @@ TEST_F(SimPutService, StoresTheUploadAndAnswersLateDatagramsWithCompletion) {
   sendUpload(content, true, {2});
   EXPECT_EQ(received(), std::vector<Bytes>{complete});
   EXPECT_EQ(kt::readFile("up/new.bin"), content);  // its time: see the put through kestil-sim
-  sendUpload(content, true, {2});  // the client missed the completion
+  sendUpload(content, true, {2});                  // the client missed the completion
   EXPECT_EQ(received(), (std::vector<Bytes>{complete, complete}));
   advance(1000);
   EXPECT_TRUE(received().empty());  // no periodic acknowledgements once done
@@ -220,11 +220,11 @@ TEST_F(SimServices, FileManagerRefusesWhatItCannotQueue) {
     return Bytes(resp, resp + filemgrAnswer(real_, req.data(), static_cast<int>(req.size()), resp, 2));
   };
   EXPECT_EQ(answer(0x10, 3, "./f"), kt::bytes({0x11, 0}));
-  EXPECT_STREQ(groups[3].head->name, "f");  // queued under its normalised path
-  EXPECT_EQ(answer(0x10, 3, "up"), kt::bytes({0x11, 0xFC}));          // a directory
-  EXPECT_EQ(answer(0x10, 3, "f", false), kt::bytes({0x11, 0xFD}));    // no NUL
-  EXPECT_EQ(answer(0x12, 2, "f"), kt::bytes({0x13, 0xFE}));           // queued in group 3, not 2
-  EXPECT_EQ(answer(0x11, 3, "f"), Bytes{});                           // an answer code: no answer
+  EXPECT_STREQ(groups[3].head->name, "f");                          // queued under its normalised path
+  EXPECT_EQ(answer(0x10, 3, "up"), kt::bytes({0x11, 0xFC}));        // a directory
+  EXPECT_EQ(answer(0x10, 3, "f", false), kt::bytes({0x11, 0xFD}));  // no NUL
+  EXPECT_EQ(answer(0x12, 2, "f"), kt::bytes({0x13, 0xFE}));         // queued in group 3, not 2
+  EXPECT_EQ(answer(0x11, 3, "f"), Bytes{});                         // an answer code: no answer
 }
 
 }  // namespace

@@ -49,7 +49,8 @@ inline std::vector<uint8_t> blockDatagram(const std::string &content, uint32_t n
   std::vector<uint8_t> d{static_cast<uint8_t>(4 + width)};
   for (int i = width - 1; i >= 0; --i) d.push_back(static_cast<uint8_t>(n >> (8 * i)));
   size_t off = static_cast<size_t>(n - 1) * SERVE_BLOCK;
-  if (off < content.size()) d.insert(d.end(), content.begin() + off, content.begin() + std::min(content.size(), off + SERVE_BLOCK));
+  if (off < content.size())
+    d.insert(d.end(), content.begin() + off, content.begin() + std::min(content.size(), off + SERVE_BLOCK));
   return d;
 }
 
@@ -71,8 +72,8 @@ inline size_t piggyBackAt(const std::vector<uint8_t> &req) {
 }
 
 struct ServeOptions {
-  bool answer = true;          // false: a remote that never answers
-  int dropPercent = 0;         // blocks lost on their first sending (seeded)
+  bool answer = true;   // false: a remote that never answers
+  int dropPercent = 0;  // blocks lost on their first sending (seeded)
   uint32_t seed = 1;
   int dropMetadata = 0;        // metadata datagrams lost before one gets through
   bool blocksOnRepeat = true;  // false: a repeated request gets the metadata only
@@ -166,7 +167,9 @@ struct RemoteRun {
     return {};
   }
   void send(const std::vector<uint8_t> &d) { peer.send(d, client); }
-  Served serve(const std::string &content, const ServeOptions &o = {}) { return serveFile(peer, child.pid, content, o); }
+  Served serve(const std::string &content, const ServeOptions &o = {}) {
+    return serveFile(peer, child.pid, content, o);
+  }
   Result finish() { return kt::finish(child, 30000); }
 };
 

@@ -68,13 +68,14 @@ struct Sim {
 // Starts kestil-sim in `cwd`; true once it says it serves or relays.
 inline bool start(Sim *sim, const std::string &cwd, const std::vector<std::string> &args) {
   sim->child = kt::start(cwd, "kestil-sim", args, KESTIL_SIM_BIN);
-  eventually([&] {
-    sim->err = kt::readFile(sim->child.errPath);
-    return sim->err.find('\n') != std::string::npos || kt::childEnded(sim->child.pid);
-  }, 5000);
+  eventually(
+      [&] {
+        sim->err = kt::readFile(sim->child.errPath);
+        return sim->err.find('\n') != std::string::npos || kt::childEnded(sim->child.pid);
+      },
+      5000);
   return sim->err.starts_with("kestil-sim: serving") || sim->err.starts_with("kestil-sim: relaying");
 }
-
 
 // kestil-sim serving dir/root on `addr` (port 3223, file manager 3224) with `extra` options;
 // `ready` once it listens. `run` runs a command against it in `cwd`.

@@ -74,7 +74,8 @@ std::vector<uint8_t> UdpPeer::recv(sockaddr_in *from, int timeoutMs) {
 }
 
 int UdpPeer::send(const void *buf, int len, const sockaddr_in &to) {
-  return static_cast<int>(sendto(fd_, buf, static_cast<size_t>(len), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to));
+  return static_cast<int>(
+      sendto(fd_, buf, static_cast<size_t>(len), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to));
 }
 
 Child start(const std::string &cwd, const std::string &argv0, const std::vector<std::string> &args, const char *exe) {
@@ -182,9 +183,7 @@ std::string md5Hex(const std::string &content) {
   return hex;
 }
 
-std::vector<uint8_t> bytes(std::initializer_list<int> list) {
-  return std::vector<uint8_t>(list.begin(), list.end());
-}
+std::vector<uint8_t> bytes(std::initializer_list<int> list) { return std::vector<uint8_t>(list.begin(), list.end()); }
 
 std::vector<std::string> namesStartingWith(const std::string &dir, const std::string &prefix) {
   std::vector<std::string> names;
@@ -199,8 +198,14 @@ std::vector<std::string> namesStartingWith(const std::string &dir, const std::st
 
 std::string rawRecord(const std::string &name, uint32_t size, uint8_t group, uint8_t priority, uint8_t flags) {
   const size_t len = 10 + name.size();
-  const unsigned char head[9] = {uint8_t(len >> 8),  uint8_t(len), uint8_t(size >> 24), uint8_t(size >> 16),
-                                 uint8_t(size >> 8), uint8_t(size), group,              priority,
+  const unsigned char head[9] = {uint8_t(len >> 8),
+                                 uint8_t(len),
+                                 uint8_t(size >> 24),
+                                 uint8_t(size >> 16),
+                                 uint8_t(size >> 8),
+                                 uint8_t(size),
+                                 group,
+                                 priority,
                                  flags};
   return std::string(reinterpret_cast<const char *>(head), 9) + name + '\0';
 }
@@ -208,7 +213,8 @@ std::string rawRecord(const std::string &name, uint32_t size, uint8_t group, uin
 std::string zlibOf(const std::string &plain) {
   uLongf cap = compressBound(plain.size());
   std::string out(cap, '\0');
-  compress2(reinterpret_cast<Bytef *>(out.data()), &cap, reinterpret_cast<const Bytef *>(plain.data()), plain.size(), 9);
+  compress2(reinterpret_cast<Bytef *>(out.data()), &cap, reinterpret_cast<const Bytef *>(plain.data()), plain.size(),
+            9);
   out.resize(cap);
   return out;
 }

@@ -70,8 +70,8 @@ Child start(const std::string &cwd, const std::string &argv0, const std::vector<
             const char *exe = nullptr);
 // Waits up to timeoutMs for the child to end (SIGKILL after that) and collects its output.
 Result finish(Child &child, int timeoutMs);
-Result run(const std::string &cwd, const std::string &argv0, const std::vector<std::string> &args,
-           int timeoutMs, const char *exe = nullptr);
+Result run(const std::string &cwd, const std::string &argv0, const std::vector<std::string> &args, int timeoutMs,
+           const char *exe = nullptr);
 
 long long nowMs();  // monotonic clock
 // True once the child has ended; it stays unreaped for finish().
