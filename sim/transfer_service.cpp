@@ -619,6 +619,10 @@ void onPutDatagram(TransferService *svc, TransferSession *s, const uint8_t *d, i
     answerFinishedPut(svc, s, now);
     return;
   }
+  // Block 0 is the metadata: a data datagram numbered 0 would be stored at the wrapped offset
+  // of block 0 - 1, near 4 GiB, and the digest of the upload would then read all of it.
+  KestilDataBlock blk{};
+  if (decodeDataBlock(d, static_cast<size_t>(len), &blk) && blk.blkNum == 0) return;
   uint32_t before = s->rx.uniqueBlkCnt;
   // Before the metadata the size is unknown: blocks are bounded by the vector alone.
   uint32_t bound = s->rx.lastBlk != 0 ? s->fileSize : UINT32_MAX;

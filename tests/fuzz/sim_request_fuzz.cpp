@@ -32,6 +32,17 @@ FILE *traceOut = nullptr;
 
 int removeEntry(const char *path, const struct stat *, int, struct FTW *) { return remove(path); }
 
+// No datagram may make the simulator write past what a window of the largest blocks holds.
+constexpr off_t WRITE_REACH = off_t{1024} * 65536;
+
+int checkSize(const char *path, const struct stat *st, int, struct FTW *) {
+  if (S_ISREG(st->st_mode) && st->st_size > WRITE_REACH) {
+    std::fprintf(stderr, "%s grew to %lld bytes\n", path, static_cast<long long>(st->st_size));
+    std::abort();
+  }
+  return 0;
+}
+
 void writeFile(const char *name, size_t size) {
   FILE *f = std::fopen(name, "wb");
   if (f == nullptr) std::abort();
@@ -127,6 +138,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // Up to 630 ms in 10 ms steps: pacing, acknowledgement timers and housekeeping run.
     for (int i = 0; i < (step >> 2); ++i) loopRunDue(&loop, now += 10000);
     drainPeers();
+    nftw(rootDir.c_str(), checkSize, 16, FTW_PHYS);
   }
   transferServiceStop(&svc);
   dwnq_close();
