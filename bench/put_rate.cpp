@@ -23,10 +23,10 @@ constexpr auto ACK_INTERVAL = std::chrono::milliseconds(400);
 constexpr double TOLERANCE = 0.05;
 
 struct Outcome {
-  double seconds = 0;        // from the answer to the last acknowledgement counted
-  long paid = 0;             // datagrams sent on earned credit in that span
-  long firstBurst = 0;       // sent on the starting credit, before any time had passed
-  long idleResends = 0;      // "resend block" lines of the client
+  double seconds = 0;    // from the answer to the last acknowledgement counted
+  long paid = 0;         // datagrams sent on earned credit in that span
+  long firstBurst = 0;   // sent on the starting credit, before any time had passed
+  long idleResends = 0;  // "resend block" lines of the client
   bool ok = false;
 };
 
@@ -130,8 +130,7 @@ int main(int argc, char **argv) {
   // Whole acknowledgement periods covering at least the asked time.
   int acks = static_cast<int>(std::ceil(seconds / 0.4 - 1e-9));
 
-  std::printf("%8s %9s %8s %8s %10s %8s %8s %s\n", "rate", "seconds", "first", "paid", "achieved", "error",
-              "idle", "");
+  std::printf("%8s %9s %8s %8s %10s %8s %8s %s\n", "rate", "seconds", "first", "paid", "achieved", "error", "idle", "");
   bool allOk = true;
   for (size_t i = 0; i < rates.size(); ++i) {
     std::string ip = "127.0.6." + std::to_string(200 + i % 50);

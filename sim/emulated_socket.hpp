@@ -30,8 +30,8 @@ struct EmulatedSocket {
 // Creates and binds the socket to `local` (port 0: any free port). -1 with errno on failure.
 int openUdpSocket(const sockaddr_in &local);
 // Takes ownership of the bound socket `fd` and starts watching it.
-void esStart(EmulatedSocket *s, int fd, EventLoop *loop, const Trace *trace, TraceProto proto,
-             const LinkConfig &link, uint64_t salt, int64_t nowUs, DatagramHandler onDatagram);
+void esStart(EmulatedSocket *s, int fd, EventLoop *loop, const Trace *trace, TraceProto proto, const LinkConfig &link,
+             uint64_t salt, int64_t nowUs, DatagramHandler onDatagram);
 // Hands one datagram to the outbound link; it leaves the socket when the link delivers it.
 void esSend(EmulatedSocket *s, int64_t nowUs, const uint8_t *dgram, int len, const sockaddr_in &to);
 // Stops watching, drops what the link still holds and closes the socket.

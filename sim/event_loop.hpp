@@ -17,7 +17,7 @@ struct EventLoop {
     int fd;
     LoopHandler onReadable;
   };
-  std::deque<Watch> watches;  // a deque: handlers may add watches while one runs
+  std::deque<Watch> watches;                                   // a deque: handlers may add watches while one runs
   std::map<std::pair<int64_t, uint64_t>, LoopHandler> timers;  // (due, id): due order, then creation
   std::unordered_map<uint64_t, int64_t> timerDue;
   uint64_t nextTimerId = 1;

@@ -35,7 +35,7 @@ FilemgrResult addOrRemove(const std::string &rootReal, uint8_t cmd, const uint8_
     dwnq_remove(rel.c_str(), group);
     return FilemgrResult::Ok;
   }
-  struct stat st{};
+  struct stat st {};
   if (stat(rel.c_str(), &st) != 0) return FilemgrResult::NoSuchEntry;
   if (!S_ISREG(st.st_mode)) return FilemgrResult::NotAFile;
   dwnq_insert(rel.c_str(), group, req[2], req[3]);
@@ -47,16 +47,13 @@ FilemgrResult addOrRemove(const std::string &rootReal, uint8_t cmd, const uint8_
 int filemgrAnswer(const std::string &rootReal, const uint8_t *req, int len, uint8_t *resp, int cap) {
   if (len < 1 || cap < 2) return 0;
   switch (req[0]) {
-    case FILEMGR_STATUS:
-      resp[0] = FILEMGR_STATUS_RESP;
-      return 1;
+    case FILEMGR_STATUS: resp[0] = FILEMGR_STATUS_RESP; return 1;
     case FILEMGR_ADD:
     case FILEMGR_RM:
       resp[0] = req[0] == FILEMGR_ADD ? FILEMGR_ADD_RESP : FILEMGR_RM_RESP;
       resp[1] = static_cast<uint8_t>(addOrRemove(rootReal, req[0], req, len));
       return 2;
-    default:
-      return 0;
+    default: return 0;
   }
 }
 

@@ -10,15 +10,15 @@
 #include <vector>
 
 struct LinkConfig {
-  uint64_t rateBps = 0;        // 0: unlimited
-  uint32_t delayMs = 0;        // one-way delay
-  double loss = 0.0;           // independent loss probability
-  double dup = 0.0;            // duplication probability
-  double reorder = 0.0;        // probability that a datagram is held back behind later ones
-  uint32_t passUpS = 0;        // pass schedule: up this long, then down passDownS, repeating
-  uint32_t passDownS = 0;      // 0: always up
+  uint64_t rateBps = 0;    // 0: unlimited
+  uint32_t delayMs = 0;    // one-way delay
+  double loss = 0.0;       // independent loss probability
+  double dup = 0.0;        // duplication probability
+  double reorder = 0.0;    // probability that a datagram is held back behind later ones
+  uint32_t passUpS = 0;    // pass schedule: up this long, then down passDownS, repeating
+  uint32_t passDownS = 0;  // 0: always up
   uint64_t seed = 1;
-  uint32_t queueLimitMs = 1000; // a datagram that would wait longer for the wire is dropped
+  uint32_t queueLimitMs = 1000;  // a datagram that would wait longer for the wire is dropped
 };
 
 // Bytes of IP and UDP header counted against the rate for every datagram.
@@ -30,16 +30,16 @@ constexpr int64_t LINK_DUP_GAP_US = 100;
 
 enum class LinkFate : uint8_t {
   Delivered,
-  Duplicated,   // delivered twice
-  HeldBack,     // delivered late, behind datagrams sent after it
-  LostRandom,   // independent loss
-  LostPass,     // sent while the link was down
-  LostQueue,    // the rate-limited queue was full
+  Duplicated,  // delivered twice
+  HeldBack,    // delivered late, behind datagrams sent after it
+  LostRandom,  // independent loss
+  LostPass,    // sent while the link was down
+  LostQueue,   // the rate-limited queue was full
 };
 
 struct LinkDatagram {
   int64_t dueUs = 0;
-  uint64_t seq = 0;            // submission order, breaks ties of equal due times
+  uint64_t seq = 0;  // submission order, breaks ties of equal due times
   sockaddr_in peer{};
   std::vector<uint8_t> bytes;
 };
@@ -48,8 +48,8 @@ struct LinkDatagram {
 struct LinkDirection {
   LinkConfig cfg;
   uint64_t rng = 0;
-  int64_t startUs = 0;         // origin of the pass schedule
-  int64_t wireFreeUs = 0;      // when the wire finishes the datagram in transmission
+  int64_t startUs = 0;     // origin of the pass schedule
+  int64_t wireFreeUs = 0;  // when the wire finishes the datagram in transmission
   uint64_t seq = 0;
   std::vector<LinkDatagram> queue;  // a min-heap on (dueUs, seq)
 };
@@ -58,8 +58,7 @@ struct LinkDirection {
 void linkInit(LinkDirection *dir, const LinkConfig &cfg, uint64_t salt, int64_t startUs);
 bool linkIsUp(const LinkConfig &cfg, int64_t startUs, int64_t nowUs);
 // Hands one datagram to the link at `nowUs`; the datagram is queued unless its fate is a loss.
-LinkFate linkSubmit(LinkDirection *dir, int64_t nowUs, const uint8_t *bytes, int len,
-                    const sockaddr_in &peer);
+LinkFate linkSubmit(LinkDirection *dir, int64_t nowUs, const uint8_t *bytes, int len, const sockaddr_in &peer);
 // Due time of the earliest queued datagram, or -1 when the queue is empty.
 int64_t linkNextDue(const LinkDirection *dir);
 // Takes the earliest datagram due at `nowUs`; false when none is due.

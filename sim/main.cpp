@@ -69,7 +69,7 @@ FILE *takeStandardOutputForTrace(bool verbose) {
 }
 
 void installSignals() {
-  struct sigaction sa{};
+  struct sigaction sa {};
   sa.sa_handler = onStopSignal;
   sigemptyset(&sa.sa_mask);
   sa.sa_flags = 0;  // no SA_RESTART: the wait must end
@@ -96,8 +96,7 @@ int runRelay(const SimOptions &opts, Trace *trace) {
 
 int runServices(const SimOptions &opts, Trace *trace) {
   char rootReal[PATH_MAX];
-  if (realpath(opts.root.c_str(), rootReal) == nullptr || access(rootReal, R_OK | X_OK) != 0 ||
-      chdir(rootReal) != 0) {
+  if (realpath(opts.root.c_str(), rootReal) == nullptr || access(rootReal, R_OK | X_OK) != 0 || chdir(rootReal) != 0) {
     std::fprintf(stderr, "kestil-sim: cannot serve %s: %s\n", opts.root.c_str(), std::strerror(errno));
     return 1;
   }
@@ -140,14 +139,9 @@ int main(int argc, char **argv) {
   SimOptions opts;
   std::string error;
   switch (parseSimOptions(argc, argv, &opts, &error)) {
-    case ParseOutcome::Help:
-      std::fputs(simUsage(), stdout);
-      return 0;
-    case ParseOutcome::Error:
-      std::fprintf(stderr, "kestil-sim: %s\n%s", error.c_str(), simUsage());
-      return 2;
-    case ParseOutcome::Run:
-      break;
+    case ParseOutcome::Help: std::fputs(simUsage(), stdout); return 0;
+    case ParseOutcome::Error: std::fprintf(stderr, "kestil-sim: %s\n%s", error.c_str(), simUsage()); return 2;
+    case ParseOutcome::Run: break;
   }
   // The queue file is named relative to where the simulator was started, not to the root.
   if (!opts.queueFile.empty() && opts.queueFile[0] != '/') {
@@ -162,7 +156,8 @@ int main(int argc, char **argv) {
   PcapWriter pcap;
   if (!opts.pcapPath.empty()) {
     if (!pcapOpen(&pcap, opts.pcapPath.c_str(), monotonicUs())) {
-      std::fprintf(stderr, "kestil-sim: cannot write the capture %s: %s\n", opts.pcapPath.c_str(), std::strerror(errno));
+      std::fprintf(stderr, "kestil-sim: cannot write the capture %s: %s\n", opts.pcapPath.c_str(),
+                   std::strerror(errno));
       return 1;
     }
   }

@@ -69,7 +69,8 @@ bool parsePass(const char *text, uint32_t *up, uint32_t *down) {
 
 const char *simUsage() {
   return "usage: kestil-sim [--root DIR] [--addr ADDR] [--port N] [--filemgr-port N] [--queue FILE]\n"
-         "                  [link options] [--idle S] [--pace N | --pace-rate BITS_PER_S] [--ack-interval MS] [--ack-blocks N] [-v]\n"
+         "                  [link options] [--idle S] [--pace N | --pace-rate BITS_PER_S] [--ack-interval MS] "
+         "[--ack-blocks N] [-v]\n"
          "                  [--pcap FILE]\n"
          "       kestil-sim --relay LISTEN_ADDR:PORT UPSTREAM_ADDR:PORT [link options] [--idle S] [-v] [--pcap FILE]\n"
          "link options: --rate BITS_PER_S --delay MS --loss P --dup P --reorder P --pass UP_S:DOWN_S --seed N\n"
@@ -113,8 +114,8 @@ ParseOutcome parseSimOptions(int argc, const char *const *argv, SimOptions *opts
     };
     if (opt != "--root" && opt != "--addr" && opt != "--port" && opt != "--filemgr-port" && opt != "--queue" &&
         opt != "--rate" && opt != "--delay" && opt != "--loss" && opt != "--dup" && opt != "--reorder" &&
-        opt != "--pass" && opt != "--seed" && opt != "--idle" && opt != "--pace" && opt != "--pace-rate" && opt != "--ack-interval" &&
-        opt != "--ack-blocks" && opt != "--relay" && opt != "--pcap") {
+        opt != "--pass" && opt != "--seed" && opt != "--idle" && opt != "--pace" && opt != "--pace-rate" &&
+        opt != "--ack-interval" && opt != "--ack-blocks" && opt != "--relay" && opt != "--pcap") {
       *error = "unknown option '" + std::string(argv[i]) + "'";
       return ParseOutcome::Error;
     }

@@ -11,19 +11,19 @@
 
 struct SimOptions {
   std::string root = ".";
-  in_addr addr{};                  // the exact address to bind (never a wildcard)
-  uint16_t port = 3223;            // transfer service
-  uint16_t filemgrPort = 3224;     // file-manager service
-  std::string queueFile;           // empty: the default inside the root
+  in_addr addr{};               // the exact address to bind (never a wildcard)
+  uint16_t port = 3223;         // transfer service
+  uint16_t filemgrPort = 3224;  // file-manager service
+  std::string queueFile;        // empty: the default inside the root
   LinkConfig link;
-  bool verbose = false;            // -v: the protocol trace on standard output
-  std::string pcapPath;            // --pcap: capture file of every datagram; empty: none
-  uint32_t idleS = 60;             // a transfer with no datagram for this long is dropped
-  uint32_t pace = 0;               // datagrams per second per transfer; 0: derived from --rate
-  uint64_t paceBits = 0;           // or bits per second of wire per transfer; 0: not given
-  uint32_t ackIntervalMs = 500;    // upload acknowledgements: at least this often ...
-  uint32_t ackBlocks = 64;         // ... or after this many new blocks
-  bool relay = false;              // relay mode: no services, only the emulated link
+  bool verbose = false;          // -v: the protocol trace on standard output
+  std::string pcapPath;          // --pcap: capture file of every datagram; empty: none
+  uint32_t idleS = 60;           // a transfer with no datagram for this long is dropped
+  uint32_t pace = 0;             // datagrams per second per transfer; 0: derived from --rate
+  uint64_t paceBits = 0;         // or bits per second of wire per transfer; 0: not given
+  uint32_t ackIntervalMs = 500;  // upload acknowledgements: at least this often ...
+  uint32_t ackBlocks = 64;       // ... or after this many new blocks
+  bool relay = false;            // relay mode: no services, only the emulated link
   sockaddr_in relayListen{};
   sockaddr_in relayUpstream{};
 };
@@ -31,8 +31,7 @@ struct SimOptions {
 enum class ParseOutcome : uint8_t { Run, Help, Error };
 
 // Fills `opts` from argv[1..]; on Error `error` holds a one-line explanation.
-[[nodiscard]] ParseOutcome parseSimOptions(int argc, const char *const *argv, SimOptions *opts,
-                                           std::string *error);
+[[nodiscard]] ParseOutcome parseSimOptions(int argc, const char *const *argv, SimOptions *opts, std::string *error);
 // The usage text printed for --help and after an option error.
 const char *simUsage();
 // Datagrams per second a transfer is paced at: --pace, else the link rate's worth of full

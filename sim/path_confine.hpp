@@ -6,10 +6,10 @@
 #include <string>
 
 enum class PathVerdict : uint8_t {
-  Inside,        // `relative` names a place under the root ("." for the root itself)
-  Absolute,      // begins with '/'
-  Escapes,       // a ".." component climbs above the root
-  LinkEscapes,   // an existing part of the path is a link that leads out of the root
+  Inside,       // `relative` names a place under the root ("." for the root itself)
+  Absolute,     // begins with '/'
+  Escapes,      // a ".." component climbs above the root
+  LinkEscapes,  // an existing part of the path is a link that leads out of the root
   TooLong,
 };
 

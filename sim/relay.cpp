@@ -58,7 +58,8 @@ void housekeeping(Relay *relay, int64_t now) {
     esClose(&relay->flows[key]->upstreamSock);
     relay->flows.erase(key);
   }
-  relay->housekeepingTimer = loopAddTimer(relay->loop, now + HOUSEKEEPING_US, [relay](int64_t t) { housekeeping(relay, t); });
+  relay->housekeepingTimer =
+      loopAddTimer(relay->loop, now + HOUSEKEEPING_US, [relay](int64_t t) { housekeeping(relay, t); });
 }
 
 }  // namespace
@@ -80,7 +81,8 @@ void relayStart(Relay *relay, EventLoop *loop, const Trace *trace, const LinkCon
             f->lastHeardUs = t;
             esSend(&f->upstreamSock, t, d, n, f->upstreamPeer);
           });
-  relay->housekeepingTimer = loopAddTimer(loop, nowUs + HOUSEKEEPING_US, [relay](int64_t t) { housekeeping(relay, t); });
+  relay->housekeepingTimer =
+      loopAddTimer(loop, nowUs + HOUSEKEEPING_US, [relay](int64_t t) { housekeeping(relay, t); });
 }
 
 void relayStop(Relay *relay) {

@@ -18,8 +18,8 @@ struct Relay {
   LinkConfig link;
   uint32_t idleS = 60;
   sockaddr_in upstream{};
-  EmulatedSocket listen;       // clients' side: the emulated link applies here, both ways
-  Trace quiet;                 // upstream sockets are not traced: each datagram shows once
+  EmulatedSocket listen;                                 // clients' side: the emulated link applies here, both ways
+  Trace quiet;                                           // upstream sockets are not traced: each datagram shows once
   std::map<uint64_t, std::unique_ptr<RelayFlow>> flows;  // by client address and port
   uint64_t housekeepingTimer = 0;
 

@@ -34,9 +34,9 @@ int formatTraceLine(char *buf, size_t size, int64_t sinceStartUs, TraceDir dir, 
   char what[32] = "";
   if (proto == TraceProto::Transfer) describeTransfer(what, sizeof what, dgram, len);
   int code = len >= 1 ? dgram[0] : -1;
-  int n = std::snprintf(buf, size, "%10.3f %-3s %s:%u code %d%s%s len %d %s\n",
-                        static_cast<double>(sinceStartUs) / 1e6, dir == TraceDir::In ? "in" : "out", addr,
-                        ntohs(peer.sin_port), code, what[0] != '\0' ? " " : "", what, len, linkFateName(fate));
+  int n = std::snprintf(buf, size, "%10.3f %-3s %s:%u code %d%s%s len %d %s\n", static_cast<double>(sinceStartUs) / 1e6,
+                        dir == TraceDir::In ? "in" : "out", addr, ntohs(peer.sin_port), code,
+                        what[0] != '\0' ? " " : "", what, len, linkFateName(fate));
   return n < 0 ? 0 : (static_cast<size_t>(n) >= size ? static_cast<int>(size) - 1 : n);
 }
 

@@ -17,7 +17,7 @@ enum class TraceProto : uint8_t { Transfer, FileManager, Opaque };
 struct PcapWriter;
 
 struct Trace {
-  FILE *out = nullptr;   // null: tracing off
+  FILE *out = nullptr;  // null: tracing off
   int64_t startUs = 0;
   PcapWriter *pcap = nullptr;  // --pcap: the capture of the same datagrams; null: none
 };

@@ -13,10 +13,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <set>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -60,7 +60,7 @@ struct ReportedEntry {
 struct TransferSession {
   sockaddr_in peer{};
   uint8_t requestCode = 0;
-  std::string requestName;     // as the client sent it; a repeat must match it
+  std::string requestName;  // as the client sent it; a repeat must match it
   int64_t lastHeardUs = 0;
   bool sending = false;
 
@@ -75,14 +75,14 @@ struct TransferSession {
   // an acknowledgement that shows a later send arrived shows which earlier ones were lost.
   uint64_t sendCount = 0;
   SendStamp stamps[KESTIL_WINDOW_BLOCKS]{};
-  uint32_t nextNew = 0;        // the forward pass: lowest block never sent
-  std::set<uint32_t> lost;     // blocks to send again before anything new
-  uint32_t fillNext = 0;       // rounds of unacknowledged blocks that fill an idle wire
+  uint32_t nextNew = 0;     // the forward pass: lowest block never sent
+  std::set<uint32_t> lost;  // blocks to send again before anything new
+  uint32_t fillNext = 0;    // rounds of unacknowledged blocks that fill an idle wire
   uint32_t fillRound = 1;
   uint32_t fillSentInRound = 0;
   uint32_t fillSentSinceAck = 0;
-  bool fillSpent = false;      // nothing more to fill with until an acknowledgement
-  uint32_t acksHeard = 0;      // the client's acknowledgements applied (not the request's)
+  bool fillSpent = false;  // nothing more to fill with until an acknowledgement
+  uint32_t acksHeard = 0;  // the client's acknowledgements applied (not the request's)
   uint64_t pumpTimer = 0;
   bool removeOnConfirm = false;
   std::vector<ReportedEntry> reported;
@@ -134,8 +134,7 @@ void sendErrorReport(TransferService *svc, int64_t now, const sockaddr_in &to, S
 int captureTx(TransferService *svc, KESTIL_TXState *tx, uint8_t *out, int *outLen) {
   // After a wait that ran out, a late datagram may still come in: it belongs to nobody now.
   if (svc->captureStale) {
-    while (recv(svc->captureFd, out, KESTIL_MAX_DATAGRAM, MSG_DONTWAIT) >= 0) {
-    }
+    while (recv(svc->captureFd, out, KESTIL_MAX_DATAGRAM, MSG_DONTWAIT) >= 0) {}
     svc->captureStale = false;
   }
   int result = tx_func(tx, svc->captureFd, &svc->captureAddr);
@@ -160,8 +159,9 @@ int buildDataBlock(const KESTIL_TXState &tx, uint32_t blk, uint8_t *out, int *ou
   int header = encodeDataBlockHeader(out, KESTIL_MAX_DATAGRAM, blk);
   uint64_t offset = static_cast<uint64_t>(tx.blkSize) * (blk - 1);
   uint64_t room = static_cast<uint64_t>(KESTIL_MAX_DATAGRAM - header);
-  size_t want = offset >= tx.size ? 0 : static_cast<size_t>(std::min({static_cast<uint64_t>(tx.blkSize),
-                                                                      tx.size - offset, room}));
+  size_t want = offset >= tx.size
+                    ? 0
+                    : static_cast<size_t>(std::min({static_cast<uint64_t>(tx.blkSize), tx.size - offset, room}));
   ssize_t n = 0;
   if (want > 0 && tx.fileContents != nullptr) {
     std::memcpy(out + header, tx.fileContents + offset, want);
@@ -178,11 +178,13 @@ void endSession(TransferService *svc, TransferSession *s, int64_t now, const cha
 
 void schedulePump(TransferService *svc, TransferSession *s, int64_t dueUs);
 
-bool acked(const TransferSession *s, uint32_t blk) { return blkIsInVector(const_cast<BlkRxVector *>(&s->tx.rxVec), blk) != 0; }
+bool acked(const TransferSession *s, uint32_t blk) {
+  return blkIsInVector(const_cast<BlkRxVector *>(&s->tx.rxVec), blk) != 0;
+}
 
 uint32_t windowEnd(const TransferSession *s) {
-  return static_cast<uint32_t>(std::min<uint64_t>(static_cast<uint64_t>(s->tx.rxVec.blkNumBase) + KESTIL_WINDOW_BLOCKS,
-                                                  s->tx.rxVec.lastBlk));
+  return static_cast<uint32_t>(
+      std::min<uint64_t>(static_cast<uint64_t>(s->tx.rxVec.blkNumBase) + KESTIL_WINDOW_BLOCKS, s->tx.rxVec.lastBlk));
 }
 
 bool everSent(const TransferSession *s, uint32_t blk) {
@@ -302,7 +304,8 @@ void detectLosses(TransferSession *s, uint32_t from) {
   uint32_t end = windowEnd(s);
   uint64_t newestArrived = 0;
   for (uint32_t b = std::min(from, base); b < end; ++b) {
-    if (acked(s, b) && everSent(s, b)) newestArrived = std::max(newestArrived, s->stamps[b % KESTIL_WINDOW_BLOCKS].count);
+    if (acked(s, b) && everSent(s, b))
+      newestArrived = std::max(newestArrived, s->stamps[b % KESTIL_WINDOW_BLOCKS].count);
   }
   for (uint32_t b = base; b < end; ++b) {
     if (!acked(s, b) && everSent(s, b) && s->stamps[b % KESTIL_WINDOW_BLOCKS].count < newestArrived) s->lost.insert(b);
@@ -381,8 +384,7 @@ void closeReceiving(TransferService *svc, TransferSession *s) {
 }
 
 void endSession(TransferService *svc, TransferSession *s, int64_t now, const char *why) {
-  traceNote(*svc->trace, now, "%s: transfer of '%s' ends: %s", peerText(s->peer).c_str(), s->requestName.c_str(),
-            why);
+  traceNote(*svc->trace, now, "%s: transfer of '%s' ends: %s", peerText(s->peer).c_str(), s->requestName.c_str(), why);
   if (s->sending) {
     closeSending(svc, s);
   } else {
@@ -406,8 +408,7 @@ int openAndRemoveListing(FileListing *listing) {
 
 // Each start answers whether the session stays: a get answered with an error report, or a
 // listing that could not be made, leaves no transfer behind.
-bool startGet(TransferService *svc, TransferSession *s, const KESTIL_get &req, const uint8_t *d, int len,
-              int64_t now) {
+bool startGet(TransferService *svc, TransferSession *s, const KESTIL_get &req, const uint8_t *d, int len, int64_t now) {
   std::string rel;
   PathVerdict verdict = confinePath(svc->rootReal, req.name, &rel);
   if (verdict != PathVerdict::Inside) {
@@ -426,7 +427,7 @@ bool startGet(TransferService *svc, TransferSession *s, const KESTIL_get &req, c
     sendErrorReport(svc, now, s->peer, SimErrorReason::CannotOpen, err, KESTIL_GET);
     return false;
   }
-  struct stat st{};
+  struct stat st {};
   fstat(fd, &st);
   if (!S_ISREG(st.st_mode) || st.st_size > static_cast<off_t>(UINT32_MAX)) {
     close(fd);
@@ -545,7 +546,7 @@ void startPut(TransferService *svc, TransferSession *s, const KESTIL_get &req, i
     refusePut(svc, s, SimErrorReason::BadRequest, EINVAL, now);
     return;
   }
-  struct stat st{};
+  struct stat st {};
   if (stat(rel.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
     refusePut(svc, s, SimErrorReason::NotAFile, S_ISDIR(st.st_mode) ? EISDIR : EINVAL, now);
     return;
@@ -663,10 +664,11 @@ void handleRm(TransferService *svc, const uint8_t *d, int len, int64_t now) {
     PathVerdict verdict = confinePath(svc->rootReal, name, &rel);
     // The root itself is never removed, whatever the flags.
     if (verdict != PathVerdict::Inside || rel == ".") {
-      traceNote(*svc->trace, now, "rm '%s' refused: %s", name, rel == "." ? "the served root" : pathVerdictText(verdict));
+      traceNote(*svc->trace, now, "rm '%s' refused: %s", name,
+                rel == "." ? "the served root" : pathVerdictText(verdict));
       continue;
     }
-    struct stat st{};
+    struct stat st {};
     if (lstat(rel.c_str(), &st) != 0) {
       if (!force) traceNote(*svc->trace, now, "rm '%s': %s", rel.c_str(), std::strerror(errno));
       continue;
@@ -780,8 +782,7 @@ bool transferServiceStart(TransferService *svc, const SimOptions *opts, const st
           [svc](const uint8_t *d, int n, const sockaddr_in &from, int64_t now) {
             transferHandleDatagram(svc, d, n, from, now);
           });
-  svc->housekeepingTimer =
-      loopAddTimer(loop, nowUs + HOUSEKEEPING_US, [svc](int64_t t) { housekeeping(svc, t); });
+  svc->housekeepingTimer = loopAddTimer(loop, nowUs + HOUSEKEEPING_US, [svc](int64_t t) { housekeeping(svc, t); });
   return true;
 }
 
@@ -808,14 +809,9 @@ void transferHandleDatagram(TransferService *svc, const uint8_t *d, int len, con
     case KESTIL_GET:
     case KESTIL_LS:
     case KESTIL_PUT:
-    case KESTIL_QREPORT:
-      onRequest(svc, d, len, from, now);
-      return;
-    case KESTIL_RM:
-      handleRm(svc, d, len, now);
-      return;
-    default:
-      break;
+    case KESTIL_QREPORT: onRequest(svc, d, len, from, now); return;
+    case KESTIL_RM: handleRm(svc, d, len, now); return;
+    default: break;
   }
   auto it = svc->sessions.find(peerKey(from));
   if (it == svc->sessions.end()) return;  // late datagrams of an ended transfer

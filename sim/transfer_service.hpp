@@ -18,26 +18,26 @@
 // carries the same three numbers: what went wrong, the system's errno (0 when none), and
 // the command code of the request that failed.
 enum class SimErrorReason : int32_t {
-  CannotOpen = 1,     // the file is missing or unreadable (errno says which)
-  PathRefused = 2,    // absolute, or leads out of the served root
-  BadRequest = 3,     // a block size the service cannot use
-  NotAFile = 4,       // a directory or device where a file is needed
-  TooLarge = 5,       // 4 GiB or more: beyond the protocol's 32-bit sizes
-  DigestMismatch = 6, // an upload whose MD5 digest does not match its metadata
-  CannotStore = 7,    // the uploaded file cannot be created or moved into place
+  CannotOpen = 1,      // the file is missing or unreadable (errno says which)
+  PathRefused = 2,     // absolute, or leads out of the served root
+  BadRequest = 3,      // a block size the service cannot use
+  NotAFile = 4,        // a directory or device where a file is needed
+  TooLarge = 5,        // 4 GiB or more: beyond the protocol's 32-bit sizes
+  DigestMismatch = 6,  // an upload whose MD5 digest does not match its metadata
+  CannotStore = 7,     // the uploaded file cannot be created or moved into place
 };
 
 struct TransferSession;
 
 struct TransferService {
   const SimOptions *opts = nullptr;
-  std::string rootReal;        // the served directory, links resolved; also the working directory
+  std::string rootReal;  // the served directory, links resolved; also the working directory
   EventLoop *loop = nullptr;
   const Trace *trace = nullptr;
   EmulatedSocket sock;
-  int captureFd = -1;          // where the transmit routine writes; see captureTx
+  int captureFd = -1;  // where the transmit routine writes; see captureTx
   sockaddr_in captureAddr{};
-  bool captureStale = false;   // a capture wait ran out; drain before the next send
+  bool captureStale = false;                                      // a capture wait ran out; drain before the next send
   std::map<uint64_t, std::unique_ptr<TransferSession>> sessions;  // by client address and port
   uint64_t housekeepingTimer = 0;
 
