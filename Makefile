@@ -1,5 +1,7 @@
 # The whole set-up on a fresh Debian machine: `make check` and `make demo`.
 DEBIAN_PACKAGES := cmake g++ make pkg-config zlib1g-dev libmd-dev libgtest-dev libgmock-dev python3
+# The formatting check of `make check`.
+DEBIAN_PACKAGES += clang-format
 # The package and its tests: building the .deb, reading the manual pages, completion, the dissector.
 DEBIAN_PACKAGES += dpkg-dev groff-base man-db bash-completion tshark
 JOBS ?= 2
@@ -8,20 +10,26 @@ JOBS ?= 2
 
 all: build
 
-deps:
-	@missing=""; for p in $(DEBIAN_PACKAGES); do \
+# install-missing PACKAGES: apt-get installs those of PACKAGES that are not installed yet.
+define install-missing
+	@missing=""; for p in $(1); do \
 	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "ok installed" || missing="$$missing $$p"; \
 	done; \
 	if [ -n "$$missing" ]; then \
 	  echo "installing:$$missing"; \
 	  apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing; \
 	fi
+endef
+
+deps:
+	$(call install-missing,$(DEBIAN_PACKAGES))
 
 build: deps
 	cmake -S . -B build
 	cmake --build build -j$(JOBS)
 
 check: build
+	scripts/check-format
 	cd build && ctest --output-on-failure -j$(JOBS)
 	cmake -S . -B build-asan -DKESTIL_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
 	cmake --build build-asan -j$(JOBS)
@@ -58,13 +66,7 @@ FUZZ_TARGETS := rx_datagram listing_reader queue_data state_record sim_request
 FUZZ_FLAGS := -O1 -g -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer
 .PHONY: fuzz
 fuzz: deps
-	@missing=""; for p in clang libfuzzer-14-dev; do \
-	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "ok installed" || missing="$$missing $$p"; \
-	done; \
-	if [ -n "$$missing" ]; then \
-	  echo "installing:$$missing"; \
-	  apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing; \
-	fi
+	$(call install-missing,clang libfuzzer-14-dev)
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DKESTIL_FUZZ=ON -DCMAKE_BUILD_TYPE=Debug \
 	  -DCMAKE_CXX_FLAGS="$(FUZZ_FLAGS)"
 	cmake --build build-fuzz -j$(JOBS) --target $(addprefix fuzz_,$(FUZZ_TARGETS))
@@ -89,13 +91,7 @@ soak: build
 BENCH_PACKAGES := uftp atftp atftpd gnuplot-nox time
 .PHONY: bench
 bench: deps
-	@missing=""; for p in $(BENCH_PACKAGES); do \
-	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "ok installed" || missing="$$missing $$p"; \
-	done; \
-	if [ -n "$$missing" ]; then \
-	  echo "installing:$$missing"; \
-	  apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing; \
-	fi
+	$(call install-missing,$(BENCH_PACKAGES))
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF
 	cmake --build build-bench -j$(JOBS) --target kestil kestil-sim raw_udp_bench
 	timeout 2400 python3 bench/run_bench.py --bin build-bench/bin --runs 3 --out bench/results

@@ -76,8 +76,7 @@ sockaddr_in loopback(uint32_t host) {
 void drainPeers() {
   uint8_t buf[2048];
   for (int fd : peers)
-    while (recv(fd, buf, sizeof buf, MSG_DONTWAIT) >= 0) {
-    }
+    while (recv(fd, buf, sizeof buf, MSG_DONTWAIT) >= 0) {}
 }
 
 }  // namespace
@@ -127,8 +126,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   for (uint8_t step = in.byte(); in.datagram(1500, &d, &n); step = in.byte()) {
     const sockaddr_in &from = peerAddr[step & 1];
     char line[4096];
-    formatTraceLine(line, sizeof line, now, TraceDir::In, from, (step & 2) ? TraceProto::FileManager : TraceProto::Transfer,
-                    d, static_cast<int>(n), LinkFate::Delivered);
+    formatTraceLine(line, sizeof line, now, TraceDir::In, from,
+                    (step & 2) ? TraceProto::FileManager : TraceProto::Transfer, d, static_cast<int>(n),
+                    LinkFate::Delivered);
     if (step & 2) {
       uint8_t resp[2];
       filemgrAnswer(real, d, static_cast<int>(n), resp, sizeof resp);
