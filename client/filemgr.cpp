@@ -8,24 +8,10 @@
 #include <cstring>
 
 #include "client/client.hpp"
+#include "common/filemgr_wire.hpp"
 #include "station/station.hpp"
 
 namespace {
-
-// The file manager's own command codes.
-constexpr uint8_t FILEMGR_STATUS = 0x01;
-constexpr uint8_t FILEMGR_STATUS_RESP = 0xF1;
-constexpr uint8_t FILEMGR_ADD = 0x10;
-constexpr uint8_t FILEMGR_ADD_RESP = 0x11;
-constexpr uint8_t FILEMGR_RM = 0x12;
-constexpr uint8_t FILEMGR_RM_RESP = 0x13;
-
-// Queue operation request: cmd, group, priority, flags, then the NUL-terminated name.
-constexpr size_t QOP_GROUP = 1;
-constexpr size_t QOP_PRIORITY = 2;
-constexpr size_t QOP_FLAGS = 3;
-constexpr size_t QOP_NAME = 4;
-constexpr size_t QOP_MAX_LEN = 1499;
 
 constexpr const char *FILEMGR_SERVICE = "filemgr";
 constexpr int FILEMGR_TIMEOUT = 5000;

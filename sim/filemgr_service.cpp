@@ -23,9 +23,11 @@ int findEntry(const char *name, uint8_t, uint8_t, void *arg) {
 }
 
 FilemgrResult addOrRemove(const std::string &rootReal, uint8_t cmd, const uint8_t *req, int len) {
-  if (len < 5 || std::memchr(req + 4, '\0', static_cast<size_t>(len - 4)) == nullptr) return FilemgrResult::Malformed;
-  const char *name = reinterpret_cast<const char *>(req + 4);
-  uint8_t group = req[1];
+  if (len < static_cast<int>(QOP_NAME) + 1 ||
+      std::memchr(req + QOP_NAME, '\0', static_cast<size_t>(len) - QOP_NAME) == nullptr)
+    return FilemgrResult::Malformed;
+  const char *name = reinterpret_cast<const char *>(req + QOP_NAME);
+  uint8_t group = req[QOP_GROUP];
   std::string rel;
   if (confinePath(rootReal, name, &rel) != PathVerdict::Inside || rel == ".") return FilemgrResult::PathRefused;
   if (cmd == FILEMGR_RM) {
@@ -38,7 +40,7 @@ FilemgrResult addOrRemove(const std::string &rootReal, uint8_t cmd, const uint8_
   struct stat st {};
   if (stat(rel.c_str(), &st) != 0) return FilemgrResult::NoSuchEntry;
   if (!S_ISREG(st.st_mode)) return FilemgrResult::NotAFile;
-  dwnq_insert(rel.c_str(), group, req[2], req[3]);
+  dwnq_insert(rel.c_str(), group, req[QOP_PRIORITY], req[QOP_FLAGS]);
   return FilemgrResult::Ok;
 }
 

@@ -5,15 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "common/filemgr_wire.hpp"
 #include "sim/emulated_socket.hpp"
-
-// File-manager codes: a protocol of their own, unrelated to the transfer codes.
-constexpr uint8_t FILEMGR_STATUS = 0x01;
-constexpr uint8_t FILEMGR_STATUS_RESP = 0xF1;
-constexpr uint8_t FILEMGR_ADD = 0x10;
-constexpr uint8_t FILEMGR_ADD_RESP = 0x11;
-constexpr uint8_t FILEMGR_RM = 0x12;
-constexpr uint8_t FILEMGR_RM_RESP = 0x13;
 
 // Result byte of an add or remove answer: 0 success, else one of these (negative, as the
 // client prints the byte as a signed number).

@@ -20,8 +20,8 @@ complete_line() {
     COMP_WORDS=(${line//:/ : })
     [[ $line == *" " ]] && COMP_WORDS+=("")
     COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
-    spec=$(complete -p "${COMP_WORDS[0]}")
-    fn=${spec#*-F }
+    compspec=$(complete -p "${COMP_WORDS[0]}")
+    fn=${compspec#*-F }
     fn=${fn%% *}
     "$fn" "${COMP_WORDS[0]}" "${COMP_WORDS[COMP_CWORD]}" "${COMP_WORDS[COMP_CWORD - 1]}"
     printf "%s\n" "${COMPREPLY[@]}" | sort | paste -sd" "
