@@ -48,6 +48,7 @@ struct SendStamp {
   uint32_t blk = 0;
   uint64_t count = 0;          // 0: never sent
   uint32_t resentInRound = 0;  // fill round of its last resend; 0 after a first send
+  int64_t sentUs = 0;
 };
 
 struct ReportedEntry {
@@ -81,8 +82,14 @@ struct TransferSession {
   uint32_t fillRound = 1;
   uint32_t fillSentInRound = 0;
   uint32_t fillSentSinceAck = 0;
-  bool fillSpent = false;  // nothing more to fill with until an acknowledgement
-  uint32_t acksHeard = 0;  // the client's acknowledgements applied (not the request's)
+  bool fillSpent = false;           // nothing more to fill with until an acknowledgement
+  bool fillSkippedInRound = false;  // the round passed over blocks too young to resend
+  int64_t fillWakeUs = 0;           // when the youngest block passed over may be resent; 0: none
+  // How long after its sending the newest block an acknowledgement reports arrived had
+  // been out, smoothed: the link's round trip plus the time the client's queue held it.
+  int64_t ackAgeUs = 0;
+  uint64_t newestArrived = 0;  // send count of the newest block known to have arrived
+  uint32_t acksHeard = 0;      // the client's acknowledgements applied (not the request's)
   uint64_t pumpTimer = 0;
   bool removeOnConfirm = false;
   std::vector<ReportedEntry> reported;
@@ -201,34 +208,56 @@ bool everSent(const TransferSession *s, uint32_t blk) {
 // spent. Filling starts once the client has acknowledged anything; a round skips what was
 // resent during it.
 constexpr uint32_t FILL_PER_ACK = 2048;
+// A block is only sent again to fill once it has been out half as long again as the
+// acknowledgements' age: a client on a fast link that is simply behind still holds it in its
+// socket buffer, and a copy would only lengthen that queue (most of the loopback throughput
+// went to such copies). The floor covers the first acknowledgements and jitter.
+constexpr int64_t FILL_AGE_FLOOR_US = 2000;
+
+int64_t fillDueUs(const TransferSession *s, uint32_t blk) {
+  return s->stamps[blk % KESTIL_WINDOW_BLOCKS].sentUs + s->ackAgeUs + s->ackAgeUs / 2 + FILL_AGE_FLOOR_US;
+}
 
 bool fillCandidate(const TransferSession *s, uint32_t blk) {
   const SendStamp &st = s->stamps[blk % KESTIL_WINDOW_BLOCKS];
   return everSent(s, blk) && !acked(s, blk) && st.resentInRound != s->fillRound;
 }
 
-bool pickFill(TransferSession *s, uint32_t end, uint32_t *blk) {
+// False with `fillWakeUs` set when only blocks too young to resend are left for now.
+bool pickFill(TransferSession *s, uint32_t end, int64_t now, uint32_t *blk) {
+  s->fillWakeUs = 0;
   for (int attempt = 0; attempt < 2 && s->fillSentSinceAck < FILL_PER_ACK; ++attempt) {
     s->fillNext = std::max(s->fillNext, s->tx.rxVec.blkNumBase);
-    while (s->fillNext < s->nextNew && s->fillNext < end && !fillCandidate(s, s->fillNext)) s->fillNext++;
-    if (s->fillNext < s->nextNew && s->fillNext < end) {
+    for (; s->fillNext < s->nextNew && s->fillNext < end; s->fillNext++) {
+      if (!fillCandidate(s, s->fillNext)) continue;
+      int64_t due = fillDueUs(s, s->fillNext);
+      if (due > now) {
+        // Passed over for this round; the next round, due when it has aged, takes it.
+        s->fillSkippedInRound = true;
+        if (s->fillWakeUs == 0 || due < s->fillWakeUs) s->fillWakeUs = due;
+        continue;
+      }
       *blk = s->fillNext++;
       s->fillSentInRound++;
       s->fillSentSinceAck++;
       return true;
     }
-    if (s->fillSentInRound == 0) break;  // a round that found nothing: nothing to fill with
+    // A round that found nothing at all: nothing to fill with.
+    if (s->fillSentInRound == 0 && !s->fillSkippedInRound) break;
     s->fillRound++;
     s->fillSentInRound = 0;
+    s->fillSkippedInRound = false;
     s->fillNext = s->tx.rxVec.blkNumBase;
+    if (s->fillWakeUs != 0) return false;  // the new round starts when its first block is due
   }
-  s->fillSpent = true;
+  if (s->fillWakeUs == 0) s->fillSpent = true;
   return false;
 }
 
 // What goes out next, in this order: blocks known lost, the forward pass, the fill round.
-// False when nothing is sendable until an acknowledgement.
-bool pickNext(TransferSession *s, uint32_t *blk, bool *resend) {
+// False when nothing is sendable until an acknowledgement or, with `fillWakeUs` set, until then.
+bool pickNext(TransferSession *s, int64_t now, uint32_t *blk, bool *resend) {
+  s->fillWakeUs = 0;
   *resend = true;
   while (!s->lost.empty()) {
     uint32_t b = *s->lost.begin();
@@ -248,16 +277,20 @@ bool pickNext(TransferSession *s, uint32_t *blk, bool *resend) {
     return true;
   }
   if (s->fillSpent || s->acksHeard == 0) return false;
-  return pickFill(s, end, blk);
+  return pickFill(s, end, now, blk);
 }
 
 void pump(TransferService *svc, TransferSession *s, int64_t now) {
   s->pumpTimer = 0;
+  double fullBits = (static_cast<double>(s->tx.blkSize) + 5 + LINK_IP_UDP_OVERHEAD) * 8;
+  if (s->passExhausted) {
+    // Credit is not saved across a wait: the pass starts again with one datagram's worth.
+    s->lastCreditUs = now;
+    s->credit = std::min(std::max(s->credit, 0.0), fullBits);
+  }
   double earned = s->paceBits * static_cast<double>(now - s->lastCreditUs) / 1e6;
   s->lastCreditUs = now;
-  // A pump that runs late (a busy host) catches up on up to 200 ms of the rate, in bursts;
-  // credit is not saved across a wait for an acknowledgement (see resumeAfterAck).
-  double fullBits = (static_cast<double>(s->tx.blkSize) + 5 + LINK_IP_UDP_OVERHEAD) * 8;
+  // A pump that runs late (a busy host) catches up on up to 200 ms of the rate, in bursts.
   double cap = std::max(2.0 * fullBits, s->paceBits * 0.2);
   s->credit = std::min(cap, s->credit + earned);
   uint8_t buf[KESTIL_MAX_DATAGRAM];
@@ -267,8 +300,9 @@ void pump(TransferService *svc, TransferSession *s, int64_t now) {
   for (int burst = 0; s->credit > 0.0 && burst < MAX_BURST_DATAGRAMS; ++burst) {
     uint32_t blk = 0;
     bool resend = false;
-    if (!pickNext(s, &blk, &resend)) {
+    if (!pickNext(s, now, &blk, &resend)) {
       s->passExhausted = true;
+      if (s->fillWakeUs != 0) schedulePump(svc, s, s->fillWakeUs);
       break;
     }
     int len = 0;
@@ -281,7 +315,7 @@ void pump(TransferService *svc, TransferSession *s, int64_t now) {
       break;
     }
     if (len > 0) send(svc, now, buf, static_cast<size_t>(len), s->peer);
-    s->stamps[blk % KESTIL_WINDOW_BLOCKS] = SendStamp{blk, ++s->sendCount, resend ? s->fillRound : 0};
+    s->stamps[blk % KESTIL_WINDOW_BLOCKS] = SendStamp{blk, ++s->sendCount, resend ? s->fillRound : 0, now};
     s->credit -= static_cast<double>(std::max(len, 1) + LINK_IP_UDP_OVERHEAD) * 8;
   }
   if (!s->passExhausted) {
@@ -295,40 +329,49 @@ void schedulePump(TransferService *svc, TransferSession *s, int64_t dueUs) {
   s->pumpTimer = loopAddTimer(svc->loop, dueUs, [svc, s](int64_t now) { pump(svc, s, now); });
 }
 
+void restartPump(TransferService *svc, TransferSession *s, int64_t now) {
+  loopCancelTimer(svc->loop, s->pumpTimer);
+  s->pumpTimer = 0;
+  schedulePump(svc, s, now);
+}
+
 // Loss detection after an acknowledgement: a block reported missing although a block sent
 // after it is reported received was lost on the way (held-back datagrams make this wrong now
 // and then, at the price of one extra copy).
 // `from` is the window's base before the acknowledgement: the blocks it slid over arrived too.
-void detectLosses(TransferSession *s, uint32_t from) {
+void detectLosses(TransferSession *s, uint32_t from, int64_t now) {
   uint32_t base = s->tx.rxVec.blkNumBase;
   uint32_t end = windowEnd(s);
-  uint64_t newestArrived = 0;
+  const SendStamp *newest = nullptr;
   for (uint32_t b = std::min(from, base); b < end; ++b) {
-    if (acked(s, b) && everSent(s, b))
-      newestArrived = std::max(newestArrived, s->stamps[b % KESTIL_WINDOW_BLOCKS].count);
+    const SendStamp &st = s->stamps[b % KESTIL_WINDOW_BLOCKS];
+    if (acked(s, b) && everSent(s, b) && (newest == nullptr || st.count > newest->count)) newest = &st;
+  }
+  if (newest == nullptr) return;
+  // Only an acknowledgement that reports a newer arrival says how long blocks take to be seen.
+  if (newest->count > s->newestArrived) {
+    s->newestArrived = newest->count;
+    int64_t age = std::max<int64_t>(0, now - newest->sentUs);
+    s->ackAgeUs = s->ackAgeUs == 0 ? age : s->ackAgeUs + (age - s->ackAgeUs) / 8;
   }
   for (uint32_t b = base; b < end; ++b) {
-    if (!acked(s, b) && everSent(s, b) && s->stamps[b % KESTIL_WINDOW_BLOCKS].count < newestArrived) s->lost.insert(b);
+    if (!acked(s, b) && everSent(s, b) && s->stamps[b % KESTIL_WINDOW_BLOCKS].count < newest->count) s->lost.insert(b);
   }
 }
 
 // After an acknowledgement: losses it reveals go out first, the window may have moved on,
 // and the wire may be filled with one more round of unacknowledged blocks.
 void resumeAfterAck(TransferService *svc, TransferSession *s, int64_t now, uint32_t baseBefore) {
-  detectLosses(s, baseBefore);
+  detectLosses(s, baseBefore, now);
   s->acksHeard++;
   s->fillSpent = false;
   s->fillRound++;
   s->fillSentInRound = 0;
+  s->fillSkippedInRound = false;
   s->fillSentSinceAck = 0;
   s->fillNext = s->tx.rxVec.blkNumBase;
-  if (s->passExhausted) {
-    s->passExhausted = false;
-    s->lastCreditUs = now;
-    double fullBits = (static_cast<double>(s->tx.blkSize) + 5 + LINK_IP_UDP_OVERHEAD) * 8;
-    s->credit = std::min(std::max(s->credit, 0.0), fullBits);
-    schedulePump(svc, s, now);
-  }
+  // A pass waiting for an acknowledgement, or for a block to age, goes on at once.
+  if (s->passExhausted) restartPump(svc, s, now);
 }
 
 // A request carries its acknowledgement right after the name's NUL.
@@ -728,8 +771,8 @@ void onRequest(TransferService *svc, const uint8_t *d, int len, const sockaddr_i
         s->lost.clear();
         std::fill(std::begin(s->stamps), std::end(s->stamps), SendStamp{});
         s->fillSpent = false;
-        s->passExhausted = false;
-        schedulePump(svc, s, now);
+        s->newestArrived = 0;
+        restartPump(svc, s, now);
       } else {
         resumeAfterAck(svc, s, now, baseBefore);
       }
