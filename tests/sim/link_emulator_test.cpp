@@ -9,6 +9,8 @@
 
 namespace {
 
+using Due = std::vector<std::pair<int64_t, int>>;
+
 // Submits one datagram of `len` bytes per time, tagged with its index; returns the fates.
 std::vector<LinkFate> submit(LinkDirection *dir, const std::vector<int64_t> &times, int len) {
   std::vector<LinkFate> fates;
@@ -21,8 +23,8 @@ std::vector<LinkFate> submit(LinkDirection *dir, const std::vector<int64_t> &tim
 }
 
 // (due time, tag) of every queued datagram, in delivery order.
-std::vector<std::pair<int64_t, int>> drain(LinkDirection *dir) {
-  std::vector<std::pair<int64_t, int>> out;
+Due drain(LinkDirection *dir) {
+  Due out;
   LinkDatagram d;
   while (linkPopDue(dir, INT64_MAX, &d)) out.emplace_back(d.dueUs, d.bytes[0]);
   return out;
@@ -34,58 +36,40 @@ LinkDirection make(const LinkConfig &cfg, uint64_t salt = 1) {
   return dir;
 }
 
-TEST(LinkEmulator, UnlimitedLinkDeliversAtOnceInOrder) {
-  LinkDirection dir = make(LinkConfig{});
-  submit(&dir, {5, 5, 5}, 100);
-  LinkDatagram d;
-  EXPECT_FALSE(linkPopDue(&dir, 4, &d));
-  EXPECT_EQ(drain(&dir), (std::vector<std::pair<int64_t, int>>{{5, 0}, {5, 1}, {5, 2}}));
-}
-
 TEST(LinkEmulator, RateCountsIpUdpOverheadSerialisesAndDropsBeyondTheQueueLimit) {
-  LinkConfig cfg;
-  cfg.rateBps = 8000;  // 72 + 28 bytes = 800 bits = 100 ms on the wire each
-  cfg.delayMs = 20;
-  cfg.queueLimitMs = 250;
-  LinkDirection dir = make(cfg);
-  // Wire starts 0, 100, 200 ms; the fourth would wait 300 ms for the wire.
-  auto fates = submit(&dir, {0, 0, 0, 0}, 72);
-  EXPECT_EQ(fates[3], LinkFate::LostQueue);
-  EXPECT_EQ(drain(&dir), (std::vector<std::pair<int64_t, int>>{{120000, 0}, {220000, 1}, {320000, 2}}));
-  // An idle wire starts a datagram when it is handed over.
-  submit(&dir, {1000000}, 72);
+  LinkDirection open = make({});  // unlimited: at once, in order
+  submit(&open, {5, 5}, 100);
+  LinkDatagram d;
+  EXPECT_FALSE(linkPopDue(&open, 4, &d));
+  EXPECT_EQ(drain(&open), (Due{{5, 0}, {5, 1}}));
+
+  // 72 + 28 bytes = 800 bits = 100 ms on the wire each: wire starts 0, 100, 200 ms; the
+  // fourth would wait 300 ms for the wire.
+  LinkDirection dir = make({.rateBps = 8000, .delayMs = 20, .queueLimitMs = 250});
+  EXPECT_EQ(submit(&dir, {0, 0, 0, 0}, 72)[3], LinkFate::LostQueue);
+  EXPECT_EQ(drain(&dir), (Due{{120000, 0}, {220000, 1}, {320000, 2}}));
+  submit(&dir, {1000000}, 72);  // an idle wire starts a datagram when it is handed over
   EXPECT_EQ(drain(&dir)[0].first, 1120000);
 }
 
 TEST(LinkEmulator, LossMatchesItsRateAndRepeatsUnderTheSameSeed) {
-  LinkConfig cfg;
-  cfg.loss = 0.3;
-  cfg.seed = 42;
+  const LinkConfig cfg{.loss = 0.3, .seed = 42};
   std::vector<int64_t> times(10000, 0);
-  LinkDirection a = make(cfg);
-  LinkDirection b = make(cfg);
+  LinkDirection a = make(cfg), b = make(cfg), other = make(cfg, 2), reseeded = make({.loss = 0.3, .seed = 43});
   auto fates = submit(&a, times, 10);
   EXPECT_EQ(submit(&b, times, 10), fates);
   EXPECT_NEAR(std::count(fates.begin(), fates.end(), LinkFate::LostRandom), 3000, 200);
   // The other direction of the link, or another seed, draws differently.
-  LinkDirection other = make(cfg, 2);
   EXPECT_NE(submit(&other, times, 10), fates);
-  cfg.seed = 43;
-  LinkDirection reseeded = make(cfg);
   EXPECT_NE(submit(&reseeded, times, 10), fates);
 }
 
 TEST(LinkEmulator, DuplicatesArriveTwiceAndHeldBackOnesBehindLaterDatagrams) {
-  LinkConfig cfg;
-  cfg.dup = 1.0;
-  cfg.delayMs = 5;
-  LinkDirection dup = make(cfg);
+  LinkDirection dup = make({.delayMs = 5, .dup = 1.0});
   EXPECT_EQ(submit(&dup, {0}, 10)[0], LinkFate::Duplicated);
-  EXPECT_EQ(drain(&dup), (std::vector<std::pair<int64_t, int>>{{5000, 0}, {5000 + LINK_DUP_GAP_US, 0}}));
+  EXPECT_EQ(drain(&dup), (Due{{5000, 0}, {5000 + LINK_DUP_GAP_US, 0}}));
 
-  cfg.dup = 0.0;
-  cfg.reorder = 0.5;
-  LinkDirection held = make(cfg);
+  LinkDirection held = make({.delayMs = 5, .reorder = 0.5});
   auto fates = submit(&held, {0, 1000, 2000, 3000, 4000, 5000, 6000, 7000}, 10);
   for (auto [due, tag] : drain(&held)) {
     int64_t expected = tag * 1000 + 5000;
@@ -97,21 +81,14 @@ TEST(LinkEmulator, DuplicatesArriveTwiceAndHeldBackOnesBehindLaterDatagrams) {
 }
 
 TEST(LinkEmulator, PassScheduleDropsWhileDownIncludingWhatWaitsForTheWire) {
-  LinkConfig cfg;
-  cfg.passUpS = 2;
-  cfg.passDownS = 3;
+  const LinkConfig pass{.passUpS = 2, .passDownS = 3};
   const int64_t s = 1000000;  // the schedule starts with the link
-  EXPECT_TRUE(linkIsUp(cfg, s, s + 1999999));
-  EXPECT_FALSE(linkIsUp(cfg, s, s + 2000000));
-  EXPECT_FALSE(linkIsUp(cfg, s, s + 4999999));
-  EXPECT_TRUE(linkIsUp(cfg, s, s + 5000000));
-  EXPECT_FALSE(linkIsUp(cfg, s, s + 7500000));
+  for (auto [at, up] :
+       {std::pair{1999999, true}, {2000000, false}, {4999999, false}, {5000000, true}, {7500000, false}})
+    EXPECT_EQ(linkIsUp(pass, s, s + at), up) << at;
 
-  cfg.passUpS = 1;
-  cfg.passDownS = 1;
-  cfg.rateBps = 8000;  // 100 ms per datagram: the eleventh would start at 1 s, out of view
-  cfg.queueLimitMs = 5000;
-  LinkDirection dir = make(cfg);
+  // 100 ms per datagram: the eleventh would start at 1 s, out of view.
+  LinkDirection dir = make({.rateBps = 8000, .passUpS = 1, .passDownS = 1, .queueLimitMs = 5000});
   auto fates = submit(&dir, std::vector<int64_t>(11, 0), 72);
   EXPECT_EQ(fates[9], LinkFate::Delivered);
   EXPECT_EQ(fates[10], LinkFate::LostPass);

@@ -185,6 +185,13 @@ std::string md5Hex(const std::string &content) {
 
 std::vector<uint8_t> bytes(std::initializer_list<int> list) { return std::vector<uint8_t>(list.begin(), list.end()); }
 
+std::vector<std::string> words(const std::string &line) {
+  std::istringstream in(line);
+  std::vector<std::string> out;
+  for (std::string w; in >> w;) out.push_back(w);
+  return out;
+}
+
 std::vector<std::string> namesStartingWith(const std::string &dir, const std::string &prefix) {
   std::vector<std::string> names;
   if (DIR *d = opendir(dir.c_str())) {

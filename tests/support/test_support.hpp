@@ -87,6 +87,8 @@ std::string patternBytes(size_t size, uint32_t seed);
 std::string md5Hex(const std::string &content);
 std::string md5Raw(const std::string &content);  // the 16 digest bytes
 std::vector<uint8_t> bytes(std::initializer_list<int> list);
+// The blank-separated words of `line`: argument lists written as one string.
+std::vector<std::string> words(const std::string &line);
 // The names in `dir` that start with `prefix` ("" for all), sorted, without "." and "..".
 std::vector<std::string> namesStartingWith(const std::string &dir, const std::string &prefix);
 
