@@ -1,6 +1,6 @@
-// Incoming data blocks and metadata: the length, size and address rules, and what lands in
-// the output file and the vector.
-#include <arpa/inet.h>
+// Incoming data blocks: the length and size rules, and what lands in the output file and the
+// vector. (The metadata's length, request and address rules: the get command's tests, which
+// offer it short, long, for another request and from other ports and hosts.)
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -80,17 +80,6 @@ TEST_F(ProcessData, SizeBoundCountsRefusedBlocks) {
   EXPECT_EQ(offer(block(9, 141, 'f'), 0, -1, 1), 1);  // unless the bound is ignored
 }
 
-TEST_F(ProcessData, BeforeTheMetadataOnlyBlockOnePasses) {
-  EXPECT_EQ(offer(block(3, 141, 'c'), 0), 0);
-  EXPECT_EQ(offer(block(0, 5, 'z'), 0), 0);  // (0 - 1) x 141 wraps past the bound
-  EXPECT_EQ(offer(block(1, 141, 'a'), 0), 1);
-  EXPECT_EQ(offer(block(1024, 141, 'q'), 0), 0);  // beyond the first window: not counted
-  EXPECT_EQ(trace_, "   block 1024, ");
-  EXPECT_EQ(vec_.uniqueBlkCnt, 3u);
-  EXPECT_FALSE(blkIsInVector(&vec_, 3));
-  EXPECT_EQ(file(), std::string(141, 'a'));
-}
-
 TEST_F(ProcessData, DuplicatesRewrittenAndFailedWritesStayWanted) {
   setBlkRxVectorFileSize(&vec_, 2000);
   for (uint32_t b = 0; b <= 8; ++b) addBlkToVector(&vec_, b);
@@ -104,35 +93,6 @@ TEST_F(ProcessData, DuplicatesRewrittenAndFailedWritesStayWanted) {
   close(readOnly);
   EXPECT_FALSE(blkIsInVector(&vec_, 10));
   EXPECT_EQ(vec_.uniqueBlkCnt, 1u);
-}
-
-TEST(ProcessMetadata, TakesOnlyTheRequestsOwnMetadata) {
-  sockaddr_in client{AF_INET, htons(KESTIL_PORT), {htonl(0x7F000328)}, {}};  // 127.0.3.40
-  uint8_t pkt[34] = {};
-  KESTIL_metadata meta{1, 1000, 1700000000, 250, {}};
-  meta.md5[15] = 0x5A;
-  encodeMetadata(pkt, sizeof pkt, meta);
-  uint32_t size = 0;
-  KestilTimespec modTime{};
-  uint8_t md5[16] = {};
-  auto offer = [&](int nread, uint32_t reqId, sockaddr_in remote) {
-    return processMetadata(pkt, nread, &client, &remote, &size, reqId, &modTime, md5);
-  };
-  sockaddr_in otherPort = client, otherHost = client;
-  otherPort.sin_port = htons(KESTIL_PORT + 1);
-  otherHost.sin_addr.s_addr = htonl(0x7F000329);
-  EXPECT_EQ(offer(32, 1, client), 0);
-  EXPECT_EQ(offer(34, 1, client), 0);
-  EXPECT_EQ(offer(33, 1, otherPort), 0);
-  EXPECT_EQ(offer(33, 1, otherHost), 0);
-  EXPECT_EQ(offer(33, 2, client), 0);  // the metadata answers request 1, not 2
-  EXPECT_EQ(size, 0u);
-
-  EXPECT_EQ(offer(33, 1, client), 1);
-  EXPECT_EQ(size, 1000u);
-  EXPECT_EQ(modTime.tv_sec, 1700000000);
-  EXPECT_EQ(modTime.tv_nsec, 250);
-  EXPECT_EQ(md5[15], 0x5A);
 }
 
 }  // namespace

@@ -1,19 +1,34 @@
-// The station layer: host resolution, the request/response exchange with an on-board
-// service, and the debug log.
+// The station layer: the transfer socket's receive buffer, host resolution, the
+// request/response exchange with an on-board service, and the debug log.
 #include "station/station.hpp"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <string>
+#include <fstream>
 #include <thread>
-#include <vector>
 
 #include "tests/support/test_support.hpp"
 
 namespace {
+
+// Large enough that a burst of blocks arriving while the receive loop is not scheduled waits
+// in the kernel instead of being dropped.
+TEST(SocketInit, AsksForAReceiveBufferOfThousandsOfDatagramsWithinTheKernelLimit) {
+  long limit = 0;
+  std::ifstream("/proc/sys/net/core/rmem_max") >> limit;
+  int fd = socket_init(0), granted = 0;
+  socklen_t len = sizeof granted;
+  ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &granted, &len), 0);
+  close(fd);
+  ASSERT_GT(limit, 0);
+  // The kernel reports twice what it grants (its own bookkeeping included).
+  EXPECT_GE(granted, 2 * std::min<long>(SOCKET_RCVBUF_BYTES, limit));
+}
 
 TEST(SocketResolveHost, DottedLocalhostAndMalformedNames) {
   in_addr a{};
