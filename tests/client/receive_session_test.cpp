@@ -1,5 +1,5 @@
-// The receive loop's own limits: the idle limit for large or negative seconds, and the size
-// bound handed to the block processing before the first metadata.
+// The receive loop's own limits: the idle limit for large or negative seconds, the size bound
+// handed to the block processing before the first metadata; and its progress bar.
 #include "client/receive_session.hpp"
 
 #include <gtest/gtest.h>
@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "client/download.hpp"
 #include "common/packet.hpp"
 #include "tests/support/test_support.hpp"
 
@@ -36,7 +37,7 @@ TEST(ReceiveLimits, BeforeMetadataBlocksOneTo1023AreKeptAndBlockZeroIsNot) {
   };
   EXPECT_EQ(offer(1), 1);
   EXPECT_EQ(offer(1023), 1);
-  EXPECT_EQ(offer(0), 0);
+  EXPECT_EQ(offer(0), 0);  // (0 - 1) x 141 wraps past the bound: only the metadata marks block 0
   EXPECT_FALSE(blkIsInVector(&vec, 0));
 
   // Once the size is known it is the bound: a 1000-byte file ends in block 8.
@@ -45,4 +46,21 @@ TEST(ReceiveLimits, BeforeMetadataBlocksOneTo1023AreKeptAndBlockZeroIsNot) {
   EXPECT_EQ(offer(8), 1);
   EXPECT_EQ(offer(9), 0);
   std::fclose(f);
+}
+
+TEST(ProgressBar, CellsFollowTheBlockCountAndTheSpinnerTurns) {
+  auto draw = [](uint32_t unique, uint32_t lastBlk) {
+    BlkRxVector v{};
+    v.uniqueBlkCnt = unique;
+    v.lastBlk = lastBlk;
+    testing::internal::CaptureStdout();
+    update_progress(&v);
+    return testing::internal::GetCapturedStdout();
+  };
+  // 50 of 200: 25 %, 12 full cells and the spinner in cell 12; it turns on every redraw.
+  for (char spin : std::string("|/-\\|"))
+    EXPECT_EQ(draw(50, 200), "\r[" + std::string(12, '=') + spin + std::string(37, ' ') + "]");
+  // Ten data blocks and the metadata: a whole file shows 90 %.
+  EXPECT_EQ(draw(10, 11), "\r[" + std::string(45, '=') + "/" + std::string(4, ' ') + "]");
+  EXPECT_EQ(draw(0, 0), "\r[-" + std::string(49, ' ') + "]");  // size unknown
 }
