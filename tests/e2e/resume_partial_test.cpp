@@ -8,8 +8,8 @@
 
 TEST(ResumeDownload, StopLengthEndsIncompleteAndResumeCompletes) {
   std::string content = kt::patternBytes(4230, 3);  // 30 blocks
-  // Ten blocks of 141 bytes reach the stop length of 1410.
-  kt::RemoteRun first("127.0.5.3", "kestil-get", {"-l", "1410", "-t", "5", "/d/a.bin"});
+  // Ten blocks of 141 bytes reach the stop length of 1410; -z pads the file to the remote size.
+  kt::RemoteRun first("127.0.5.3", "kestil-get", {"-z", "-l", "1410", "-t", "5", "/d/a.bin"});
   kt::Served s1 = first.serve(content);
   kt::Result r1 = first.finish();
   EXPECT_EQ(kt::plainShown(r1),
@@ -18,6 +18,7 @@ TEST(ResumeDownload, StopLengthEndsIncompleteAndResumeCompletes) {
   std::vector<uint8_t> held = kt::bytes({0, 0, 0, 8, 0xE0, 0, 0});
   ASSERT_EQ(s1.finals.size(), 7u);
   EXPECT_EQ(std::vector<uint8_t>(s1.finals[0].begin() + 1, s1.finals[0].end()), held);
+  EXPECT_EQ(kt::readFile(first.dir + "/a.bin").size(), content.size());
 
   kt::Child second = kt::start(first.dir, "kestil-resume", {"-t", "5", "a.bin"});
   kt::Served s2 = kt::serveFile(first.peer, second.pid, content);
