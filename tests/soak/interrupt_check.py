@@ -1,31 +1,17 @@
 #!/usr/bin/env python3
-"""SIGINT against kestil-sim, mid-transfer, one command after the other:
-- get: the download ends early: seven closing acknowledgements (code 14) 300 ms apart, exit
-  13, data file and state file kept; `resume` then completes the file;
-- put: the upload ends with its statistics line and exit 0;
-- ls and report: the interrupt is ignored; they run to the end they have without one and
-  print the same table.
-Loopback only (one simulator on its own address); every wait bounded.
+"""SIGINT against kestil-sim, mid-transfer, one command after the other: get ends early (seven
+closing acknowledgements 300 ms apart, exit 13, both files kept, then `resume` completes the
+file); put ends with its statistics line and exit 0; ls and report ignore it and print the same
+table as without it. Loopback only (one simulator on its own address); every wait bounded.
 
     interrupt_check.py --bin-dir build/bin [--addr 127.0.10.1]
 """
-import argparse
-import hashlib
-import os
-import random
-import re
-import shutil
-import signal
-import subprocess
-import sys
-import tempfile
-import time
+import argparse, os, random, re, shutil, signal, subprocess, sys, tempfile, time
 
 sys.dont_write_bytecode = True  # no cache files beside the sources
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from crash_soak import Sim  # noqa: E402
 
-STATS = re.compile(r"Elapsed time: \d\d:\d\d:\d\d\.\d{6}(      Avg Bps: \d+\.\d\d)?\n\Z")
 failures = []
 
 
@@ -44,21 +30,11 @@ def eventually(pred, timeout_s):
     return True
 
 
-def trace_lines(sim_trace, pattern):
-    with open(sim_trace, "r", errors="replace") as f:
-        return [line for line in f if re.search(pattern, line)]
-
-
 class Client:
     def __init__(self, kestil, cwd, args):
-        self.out_path = os.path.join(cwd, "out.%d.txt" % time.monotonic_ns())
-        self.out = open(self.out_path, "wb")
+        self.out = tempfile.TemporaryFile(dir=cwd)
         self.proc = subprocess.Popen([kestil] + args, cwd=cwd, stdout=self.out, stderr=subprocess.STDOUT,
                                      stdin=subprocess.DEVNULL)
-
-    def interrupt(self):
-        if self.proc.poll() is None:
-            self.proc.send_signal(signal.SIGINT)
 
     def finish(self, timeout_s=60):
         try:
@@ -66,16 +42,14 @@ class Client:
         except subprocess.TimeoutExpired:
             self.proc.kill()
             self.proc.wait()
-        self.out.close()
-        with open(self.out_path, "rb") as f:
-            return self.proc.returncode, f.read().decode(errors="replace")
+        self.out.seek(0)
+        return self.proc.returncode, self.out.read().decode(errors="replace")
 
 
 def table(output):
     """The lines a person reads: progress redraws, block traces and timing lines left out."""
     text = re.sub(r"\r\[[^\]]*\]|   block \d+, ", "", output)
-    return [line for line in text.split("\n")
-            if line and not line.startswith(("Elapsed time", "Received file"))]
+    return [line for line in text.split("\n") if line and not line.startswith(("Elapsed time", "Received file"))]
 
 
 def main():
@@ -85,19 +59,21 @@ def main():
     opts = ap.parse_args()
     kestil = os.path.join(opts.bin_dir, "kestil")
     work = tempfile.mkdtemp(prefix="kestil-sigint.")
-    root = os.path.join(work, "root")
-    cwd = os.path.join(work, "client")
+    root, cwd = os.path.join(work, "root"), os.path.join(work, "client")
     os.makedirs(os.path.join(root, "sub"))
     os.makedirs(cwd)
     rng = random.Random(7)
-    source = rng.randbytes(1500000)
-    for name, content in (("big.bin", source), ("a.txt", b"alpha\n"), ("sub/b.txt", b"beta\n" * 50)):
-        with open(os.path.join(root, name), "wb") as f:
+    source, upload = rng.randbytes(1500000), rng.randbytes(400000)
+    for path, content in ((root + "/big.bin", source), (root + "/a.txt", b"alpha\n"),
+                          (root + "/sub/b.txt", b"beta\n" * 50), (cwd + "/up.bin", upload)):
+        with open(path, "wb") as f:
             f.write(content)
-    upload = rng.randbytes(400000)
-    with open(os.path.join(cwd, "up.bin"), "wb") as f:
-        f.write(upload)
     trace = os.path.join(work, "sim-trace.txt")
+
+    def trace_lines(pattern):
+        with open(trace, "r", errors="replace") as f:
+            return [line for line in f if re.search(pattern, line)]
+
     # A slow, long link: the fetches last long enough for an interrupt to land in them.
     sim = Sim(os.path.join(opts.bin_dir, "kestil-sim"), root, opts.addr,
               ["--delay", "150", "--loss", "0.02", "--seed", "3", "--pace", "1000", "-v"], trace)
@@ -105,46 +81,47 @@ def main():
     try:
         # get: interrupted once the record shows blocks stored.
         get = Client(kestil, cwd, ["get", "-h", opts.addr, "big.bin"])
-        stored = eventually(lambda: os.path.exists(state) and os.path.getsize(state) == 2248
-                            and int.from_bytes(open(state, "rb").read()[36:40], "little") > 100, 30)
-        check(stored, "get: blocks stored before the interrupt")
-        get.interrupt()
+        check(eventually(lambda: os.path.exists(state) and os.path.getsize(state) == 2248
+                         and int.from_bytes(open(state, "rb").read()[36:40], "little") > 100, 30),
+              "get: blocks stored before the interrupt")
+        get.proc.send_signal(signal.SIGINT)
         status, out = get.finish()
         check(status == 13, "get: exit status 13 after SIGINT (got %s)" % status)
         check(out.endswith("\nWaiting for satellite to stop spamming...\n"), "get: ends with the draining line")
-        finals = trace_lines(trace, r" in +\S+ code 14 ")
-        check(len(finals) == 7, "get: seven closing acknowledgements (saw %d)" % len(finals))
-        times = [float(line.split()[0]) for line in finals]
+        times = [float(line.split()[0]) for line in trace_lines(r" in +\S+ code 14 ")]
+        check(len(times) == 7, "get: seven closing acknowledgements (saw %d)" % len(times))
         gaps = [b - a for a, b in zip(times, times[1:])]
         check(all(0.29 <= g <= 0.6 for g in gaps), "get: closing acknowledgements 300 ms apart %s" % gaps)
         check(os.path.exists(os.path.join(cwd, "big.bin")) and os.path.exists(state), "get: both files kept")
         status, out = Client(kestil, cwd, ["resume", "big.bin"]).finish(120)
         with open(os.path.join(cwd, "big.bin"), "rb") as f:
-            content = f.read()
-        check(status == 0 and content == source and not os.path.exists(state),
+            same = f.read() == source
+        check(status == 0 and same and not os.path.exists(state),
               "resume: completes the interrupted file (exit %s, %s content, state %s)"
-              % (status, "same" if content == source else "other", "left" if os.path.exists(state) else "gone"))
+              % (status, "same" if same else "other", "left" if os.path.exists(state) else "gone"))
 
         # put: interrupted once the simulator has seen data blocks.
-        before = len(trace_lines(trace, r" in +\S+ code [5-8] "))
+        before = len(trace_lines(r" in +\S+ code [5-8] "))
         put = Client(kestil, cwd, ["put", "-h", opts.addr, "-p", "200", "-o", "up.bin", "up.bin"])
-        check(eventually(lambda: len(trace_lines(trace, r" in +\S+ code [5-8] ")) > before + 50, 30),
+        check(eventually(lambda: len(trace_lines(r" in +\S+ code [5-8] ")) > before + 50, 30),
               "put: blocks sent before the interrupt")
-        put.interrupt()
+        put.proc.send_signal(signal.SIGINT)
         status, out = put.finish()
         check(status == 0, "put: exit status 0 after SIGINT (got %s)" % status)
-        check(STATS.search(out) is not None and "Done!" not in out, "put: ends with its statistics line")
+        check(re.search(r"Elapsed time: \d\d:\d\d:\d\d\.\d{6}(      Avg Bps: \d+\.\d\d)?\n\Z", out) is not None
+              and "Done!" not in out, "put: ends with its statistics line")
         check(not os.path.exists(os.path.join(root, "up.bin")), "put: nothing stored remotely")
 
         # ls and report: interrupts are ignored, the same table is printed as without them.
         subprocess.run([kestil, "qadd", "-h", opts.addr, "-g", "2", "a.txt"], cwd=cwd, capture_output=True, timeout=30)
         for name, args in (("ls", ["ls", "-h", opts.addr, "-o", "r", "."]), ("report", ["report", "-h", opts.addr])):
             quiet_status, quiet = Client(kestil, cwd, args).finish()
-            count = len(trace_lines(trace, r" in "))
+            count = len(trace_lines(r" in "))
             noisy = Client(kestil, cwd, args)
-            check(eventually(lambda: len(trace_lines(trace, r" in ")) > count, 10), name + ": request seen")
+            check(eventually(lambda: len(trace_lines(r" in ")) > count, 10), name + ": request seen")
             for _ in range(3):
-                noisy.interrupt()
+                if noisy.proc.poll() is None:
+                    noisy.proc.send_signal(signal.SIGINT)
                 time.sleep(0.2)  # three interrupts spread over the fetch, not a readiness wait
             status, out = noisy.finish()
             check(quiet_status == 0 and status == 0, "%s: exit status 0 with and without SIGINT (%s, %s)"
@@ -154,8 +131,7 @@ def main():
         sim.stop()
         shutil.rmtree(work, ignore_errors=True)
     if failures:
-        print("%d checks failed" % len(failures))
-        sys.exit(1)
+        sys.exit("%d checks failed" % len(failures))
     print("interrupt checks: all passed")
 
 
