@@ -31,8 +31,7 @@ struct Record {
   bool operator==(const Record &) const = default;
 };
 
-std::string listingDir;
-std::string listingPath;
+std::string listingDir, listingPath;
 
 void removeListingDir() {
   unlink(listingPath.c_str());
@@ -84,15 +83,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   uint8_t mode = in.byte();
   std::vector<Record> got;
   if (mode < 0x80) {
-    if (!writeListing(in.p, in.len)) std::abort();
-    if (iterate_dirlisting(listingPath.c_str(), collect, &got) != 0) std::abort();
+    if (!writeListing(in.p, in.len) || iterate_dirlisting(listingPath.c_str(), collect, &got) != 0) std::abort();
     return 0;
   }
   uLongf packedLen = compressBound(in.len);
   std::vector<uint8_t> packed(packedLen);
-  if (compress2(packed.data(), &packedLen, in.p, in.len, mode % 10) != Z_OK) std::abort();
-  if (!writeListing(packed.data(), packedLen)) std::abort();
-  if (iterate_dirlisting(listingPath.c_str(), collect, &got) != 0) std::abort();
+  if (compress2(packed.data(), &packedLen, in.p, in.len, mode % 10) != Z_OK ||
+      !writeListing(packed.data(), packedLen) || iterate_dirlisting(listingPath.c_str(), collect, &got) != 0)
+    std::abort();
   size_t sure = 0;
   std::vector<Record> want = plainRecords(in.p, in.len, &sure);
   bool prefix = got.size() <= want.size() && std::equal(got.begin(), got.end(), want.begin());

@@ -42,8 +42,7 @@ std::vector<Entry> snapshot() {
   std::vector<Entry> all;
   for (int g = 0; g < DWNQ_GROUPS; ++g) {
     const Group &grp = groups[g];
-    uint32_t count = 0;
-    uint32_t total = 0;
+    uint32_t count = 0, total = 0;
     const File *last = nullptr;
     std::set<std::string> names;
     for (const File *f = grp.head; f != nullptr; f = f->groupNext) {
@@ -71,8 +70,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   const size_t sizes[] = {0, 1, 141, 1000};
   for (size_t i = 0; i < 4; ++i) {
     FILE *f = std::fopen(NAMES[i], "wb");
-    if (f == nullptr) std::abort();
-    for (size_t k = 0; k < sizes[i]; ++k) std::fputc('x', f);
+    if (f == nullptr || std::fwrite(std::string(sizes[i], 'x').data(), 1, sizes[i], f) != sizes[i]) std::abort();
     std::fclose(f);
   }
   std::atexit(removeWorkDir);

@@ -30,21 +30,15 @@ constexpr uint8_t OPT_RECORD_FROM_INPUT = 0x02;
 constexpr uint8_t OPT_ZERO_PAD = 0x04;
 constexpr uint8_t OPT_FOREIGN_SENDER = 0x08;  // datagrams from another port than the target's
 
-std::string stateDir;
-std::string stateName;
+std::string stateDir, stateName;
 
 void removeStateDir() {
   unlink(stateName.c_str());
   rmdir(stateDir.c_str());
 }
 
-sockaddr_in endpoint(uint16_t port) {
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(port);
-  a.sin_addr.s_addr = htonl(0x7F000901);  // never sent to: the sockets here are -1
-  return a;
-}
+// Never sent to: the sockets here are -1.
+sockaddr_in endpoint(uint16_t port) { return sockaddr_in{AF_INET, htons(port), {htonl(0x7F000901)}, {}}; }
 
 void fail(const char *what) {
   std::fprintf(stderr, "invariant broken: %s\n", what);
@@ -60,7 +54,6 @@ void checkVector(const BlkRxVector *v) {
 
 void download(uint8_t opts, fz::Input in) {
   const ReceivePolicy *policies[] = {&DOWNLOAD_POLICY, &LISTING_POLICY, &REPORT_POLICY};
-  const ReceivePolicy *policy = policies[(opts >> 4) % 3];
   sockaddr_in target = endpoint(3223);
   sockaddr_in from = (opts & OPT_FOREIGN_SENDER) ? endpoint(3300) : target;
 
@@ -73,17 +66,14 @@ void download(uint8_t opts, fz::Input in) {
     in.p += n;
     in.len -= n;
     FILE *f = std::fopen(stateName.c_str(), "wb");
-    if (f == nullptr) std::abort();
-    std::fwrite(&rec, 1, sizeof rec, f);
-    std::fclose(f);
+    if (f == nullptr || std::fwrite(&rec, 1, sizeof rec, f) != sizeof rec || std::fclose(f) != 0) std::abort();
   }
   ReceiveSession s{};
   if (openDownloadState(stateName.c_str(), "remote.bin", &target, &s.state) != StateFailure::None) return;
-  s.policy = policy;
+  s.policy = policies[(opts >> 4) % 3];
   s.fd = -1;
   s.target = &target;
-  s.localFd = memfd_create("local", 0);
-  if (s.localFd < 0) std::abort();
+  if ((s.localFd = memfd_create("local", 0)) < 0) std::abort();
   s.localName = "local";
   s.stateName = stateName.c_str();
   s.rxSet = &static_cast<SavedRXState *>(s.state.addr)->rxSet;
@@ -126,11 +116,7 @@ void upload(uint8_t opts, fz::Input in) {
   while (in.datagram(KESTIL_MAX_DATAGRAM, &d, &n)) {
     uint8_t pkt[KESTIL_MAX_DATAGRAM];
     std::memcpy(pkt, d, n);
-    now.tv_usec += 200000;
-    if (now.tv_usec >= 1000000) {
-      now.tv_sec += 1;
-      now.tv_usec -= 1000000;
-    }
+    now = timeval{now.tv_sec + (now.tv_usec + 200000) / 1000000, (now.tv_usec + 200000) % 1000000};
     PutStep step = putOnDatagram(&s, pkt, static_cast<int>(n), target, now);
     checkVector(&tx->rxVec);
     if (tx->nextBlkNum > tx->rxVec.lastBlk && tx->nextBlkNum > tx->rxVec.blkNumBase + BLK_RX_WINDOW)

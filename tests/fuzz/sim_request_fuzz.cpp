@@ -23,9 +23,7 @@
 
 namespace {
 
-std::string workDir;
-std::string rootDir;
-std::string queuePath;
+std::string workDir, rootDir, queuePath;
 int peers[2] = {-1, -1};
 sockaddr_in peerAddr[2];
 FILE *traceOut = nullptr;
@@ -66,12 +64,7 @@ void removeWorkDir() {
   nftw(workDir.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
-sockaddr_in loopback(uint32_t host) {
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(host);
-  return a;
-}
+sockaddr_in loopback(uint32_t host) { return sockaddr_in{AF_INET, 0, {htonl(host)}, {}}; }
 
 void drainPeers() {
   uint8_t buf[2048];
@@ -105,9 +98,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   layOutRoot();
   char real[PATH_MAX];
   if (realpath(".", real) == nullptr) std::abort();
-  FILE *q = std::fopen(queuePath.c_str(), "wb");
-  if (q == nullptr) std::abort();
-  std::fclose(q);
+  if (FILE *q = std::fopen(queuePath.c_str(), "wb"); q == nullptr || std::fclose(q) != 0) std::abort();
   dwnq_close();
   dwnq_init(queuePath.c_str());
 
