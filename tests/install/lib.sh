@@ -6,19 +6,13 @@ SOURCE_DIR=$2
 WORK=$(mktemp -d)
 SIM_PID=""
 
-fail() {
-  echo "FAIL: $*" >&2
-  exit 1
-}
+fail() { echo "FAIL: $*" >&2; exit 1; }
 
 finish() {
   if [[ -n $SIM_PID ]]; then kill -TERM "$SIM_PID" 2>/dev/null || true; fi
   rm -rf "$WORK"
 }
 trap finish EXIT
-# KEEP_WORK=1 keeps the scratch directory (and a running simulator, bounded by its time-out)
-# for a look after a failure.
-[[ -z ${KEEP_WORK:-} ]] || trap - EXIT
 
 # start_sim SIM_BIN ARGS...: runs kestil-sim (its trace in $WORK/sim-trace.txt) and returns
 # once it has printed its listening line; never runs for more than 100 s.
@@ -44,9 +38,7 @@ stop_sim() {
 }
 
 # expect_eq WHAT EXPECTED ACTUAL
-expect_eq() {
-  [[ $2 == "$3" ]] || fail "$1: expected [$2], got [$3]"
-}
+expect_eq() { [[ $2 == "$3" ]] || fail "$1: expected [$2], got [$3]"; }
 
 md5_of() { md5sum "$1" | cut -d' ' -f1; }
 
