@@ -62,7 +62,9 @@ struct Queue : ::testing::Test {
   std::string dir = kt::makeTempDir();
 };
 
-TEST_F(Queue, KeepsPriorityOrderAndMovesEntriesToTheBackOfTheirPriority) {
+TEST_F(Queue, KeepsPriorityOrderMovesEntriesToTheBackOfTheirPriorityAndRelinksOnRemoval) {
+  add({"A"}, 4, 2, 10);  // queued before loading: nothing to walk yet
+  EXPECT_TRUE(order(4).empty());
   dwnq_init("q.dat");
   add({"A", "B"}, 4, 2, 10);
   add({"C"}, 4, 1, 10);
@@ -81,6 +83,18 @@ TEST_F(Queue, KeepsPriorityOrderAndMovesEntriesToTheBackOfTheirPriority) {
   dwnq_insert("Y", 6, 3, 0);
   EXPECT_EQ(order(6), (Names{"Y", "Z"}));
   EXPECT_EQ(groups[6].head->priority, 3);
+
+  int calls = 0;
+  iterate_listing_group(
+      4, [](const char *, uint8_t, uint8_t, void *n) { return ++*static_cast<int *>(n); }, &calls);
+  EXPECT_EQ(calls, 1);  // a non-zero answer stops the walk
+  dwnq_remove("absent", 4);
+  dwnq_remove("A", 4);  // the tail
+  EXPECT_STREQ(groups[4].tail->name, "D");
+  for (const char *n : {"B", "C", "D"}) dwnq_remove(n, 4);
+  EXPECT_EQ(groups[4].head, nullptr);
+  EXPECT_EQ(groups[4].tail, nullptr);
+  EXPECT_EQ(groups[4].fileCnt + groups[4].totalSize, 0u);
 }
 
 TEST_F(Queue, RefusedFilesLeaveQueueAndDataFileAlone) {
@@ -109,34 +123,12 @@ TEST_F(Queue, CapDropsTheLastEntryOfAFullGroup) {
   EXPECT_EQ(recs.front() + " " + recs.back(), "urgent/7/1/0 f1022/7/5/0");
 }
 
-TEST_F(Queue, RemovalRelinksHeadAndTailAndIterationNeedsALoadedQueue) {
-  add({"A"}, 9, 0, 2);  // queued before loading: nothing to walk yet
-  EXPECT_TRUE(order(9).empty());
-  dwnq_init("q.dat");
-  add({"A", "B", "C"}, 9, 0, 2);
-  int calls = 0;
-  iterate_listing_group(
-      9, [](const char *, uint8_t, uint8_t, void *n) { return ++*static_cast<int *>(n); }, &calls);
-  EXPECT_EQ(calls, 1);  // a non-zero answer stops the walk
-  dwnq_remove("absent", 9);
-  dwnq_remove("C", 9);
-  EXPECT_STREQ(groups[9].tail->name, "B");
-  dwnq_remove("A", 9);
-  dwnq_remove("B", 9);
-  EXPECT_EQ(groups[9].head, nullptr);
-  EXPECT_EQ(groups[9].tail, nullptr);
-  EXPECT_EQ(groups[9].fileCnt + groups[9].totalSize, 0u);
-}
-
 TEST_F(Queue, DataFileRecordsAppendRewriteAndReload) {
   dwnq_init("q.dat");  // created empty
   EXPECT_EQ(dwnq_initialized, 1);
   kt::writeFile("a.bin", std::string(10, 'x'));
   dwnq_insert("a.bin", 3, 7, 0x80);
-  EXPECT_EQ(kt::readFile("q.dat"), std::string("\x09\x00"
-                                               "a.bin\x00"
-                                               "\x03\x07\x80",
-                                               11));
+  EXPECT_EQ(kt::readFile("q.dat"), std::string("\x09\0a.bin\0\x03\x07\x80", 11));
   add({"A"}, 5, 0);
   add({"B"}, 1, 0);
   add({"C"}, 5, 0);
@@ -160,13 +152,7 @@ TEST_F(Queue, LoadingSkipsMalformedRecordsAndKeepsRecordsNotYetRead) {
   // record, one stray byte: nothing past a record is read, and the file loses only the
   // stray byte, so that the next append starts a record of its own.
   kt::writeFile("a", "");
-  const std::string bad = std::string(
-                              "\x02\x00"
-                              "ab"
-                              "\x06\x00"
-                              "abcdef",
-                              12) +
-                          record("a", 1) + "\x07";
+  const std::string bad = std::string("\x02\0ab\x06\0abcdef", 12) + record("a", 1) + "\x07";
   kt::writeFile("q.dat", bad);
   dwnq_init("q.dat");
   EXPECT_EQ(order(1), (Names{"a"}));

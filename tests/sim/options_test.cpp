@@ -1,5 +1,5 @@
-// The simulator's command line: each option lands in its own field, a wrong value is refused
-// with a message naming the option, and the pace follows the link rate unless given.
+// The simulator's command line: each option lands in its own field, and a wrong value is
+// refused with a message naming the option.
 #include "sim/options.hpp"
 
 #include <arpa/inet.h>
@@ -50,17 +50,6 @@ TEST(SimOptions, RefusesBadValuesWithAMessageNamingTheOption) {
     EXPECT_EQ(parse(line, &o, &err), ParseOutcome::Error) << line;
     EXPECT_NE(err.find(kt::words(line)[0]), std::string::npos) << err;
   }
-}
-
-TEST(SimOptions, PaceFollowsTheLinkRateUnlessGiven) {
-  SimOptions o;
-  EXPECT_EQ(effectivePace(o, 141), 2000u);
-  o.link.rateBps = 9600;  // (141 + 5 + 28) * 8 = 1392 bits per full block
-  EXPECT_EQ(effectivePace(o, 141), 6u);
-  o.link.rateBps = 100;  // slower than a block a second still sends
-  EXPECT_EQ(effectivePace(o, 141), 1u);
-  o.pace = 50;
-  EXPECT_EQ(effectivePace(o, 141), 50u);
 }
 
 }  // namespace

@@ -87,13 +87,9 @@ Child start(const std::string &cwd, const std::string &argv0, const std::vector<
   pid_t pid = fork();
   if (pid == 0) {
     if (chdir(cwd.c_str()) != 0) _exit(127);
-    int out = open(child.outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    int err = open(child.errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    int in = open("/dev/null", O_RDONLY);
-    if (out < 0 || err < 0 || in < 0) _exit(127);
-    dup2(in, 0);
-    dup2(out, 1);
-    dup2(err, 2);
+    int in = open("/dev/null", O_RDONLY), out = open(child.outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644),
+        err = open(child.errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (in < 0 || out < 0 || err < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(127);
     std::vector<char *> argv;
     argv.push_back(const_cast<char *>(argv0.c_str()));
     for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
@@ -177,10 +173,8 @@ std::string md5Raw(const std::string &content) {
 }
 
 std::string md5Hex(const std::string &content) {
-  const std::string raw = md5Raw(content);
-  char hex[33];
-  for (int i = 0; i < 16; ++i) std::snprintf(hex + 2 * i, 3, "%02x", static_cast<uint8_t>(raw[i]));
-  return hex;
+  char hex[MD5_DIGEST_STRING_LENGTH];
+  return MD5Data(reinterpret_cast<const uint8_t *>(content.data()), content.size(), hex);
 }
 
 std::vector<uint8_t> bytes(std::initializer_list<int> list) { return std::vector<uint8_t>(list.begin(), list.end()); }
@@ -205,16 +199,9 @@ std::vector<std::string> namesStartingWith(const std::string &dir, const std::st
 
 std::string rawRecord(const std::string &name, uint32_t size, uint8_t group, uint8_t priority, uint8_t flags) {
   const size_t len = 10 + name.size();
-  const unsigned char head[9] = {uint8_t(len >> 8),
-                                 uint8_t(len),
-                                 uint8_t(size >> 24),
-                                 uint8_t(size >> 16),
-                                 uint8_t(size >> 8),
-                                 uint8_t(size),
-                                 group,
-                                 priority,
-                                 flags};
-  return std::string(reinterpret_cast<const char *>(head), 9) + name + '\0';
+  return std::string{char(len >> 8), char(len),   char(size >> 24), char(size >> 16), char(size >> 8),
+                     char(size),     char(group), char(priority),   char(flags)} +
+         name + '\0';
 }
 
 std::string zlibOf(const std::string &plain) {
