@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <tuple>
 
 namespace {
 
@@ -19,13 +20,16 @@ BlkRxVector vectorOf(uint32_t fileSize, uint32_t markUpTo) {
   return v;
 }
 
+// Where the window stands: base, ring index of the base, and whether the file is complete.
+std::tuple<uint32_t, int, bool> window(const BlkRxVector &v) {
+  return {v.blkNumBase, v.head, vectorIsFinished(&v) != 0};
+}
+
 TEST(BlkRxVector, FinishesAtTheEndOfTheFile) {
   BlkRxVector v = vectorOf(1000, 7);  // lastBlk 9
   EXPECT_EQ(v.lastBlk, 9u);
-  EXPECT_EQ(v.blkNumBase, 8u);
-  EXPECT_EQ(v.head, 1);
+  EXPECT_EQ(window(v), std::tuple(8u, 1, false));
   EXPECT_EQ(v.vector[0], 0x00);  // slid over and cleared for re-entry
-  EXPECT_FALSE(vectorIsFinished(&v));
   addBlkToVector(&v, 8);
   EXPECT_EQ(v.vector[1], 0x80);  // 1000 0000: finished though the byte is not full
   EXPECT_TRUE(vectorIsFinished(&v));
@@ -33,15 +37,9 @@ TEST(BlkRxVector, FinishesAtTheEndOfTheFile) {
   BlkRxVector whole = vectorOf(987, 6);  // exactly 7 blocks, lastBlk 8
   EXPECT_FALSE(vectorIsFinished(&whole));
   addBlkToVector(&whole, 7);
-  EXPECT_EQ(whole.blkNumBase, 8u);
-  EXPECT_TRUE(vectorIsFinished(&whole));
-
-  BlkRxVector sixteen = vectorOf(15 * BS, 15);  // lastBlk 16: the base stops at 16
-  EXPECT_EQ(sixteen.blkNumBase, 16u);
-  EXPECT_EQ(sixteen.head, 2);
-  EXPECT_TRUE(vectorIsFinished(&sixteen));
-
-  BlkRxVector empty = vectorOf(0, 0);  // lastBlk 1: the metadata alone finishes it
+  EXPECT_EQ(window(whole), std::tuple(8u, 1, true));
+  EXPECT_EQ(window(vectorOf(15 * BS, 15)), std::tuple(16u, 2, true));  // lastBlk 16: the base stops at 16
+  BlkRxVector empty = vectorOf(0, 0);                                  // lastBlk 1: the metadata alone finishes it
   EXPECT_EQ(empty.lastBlk, 1u);
   EXPECT_TRUE(vectorIsFinished(&empty));
 }
@@ -57,8 +55,7 @@ TEST(BlkRxVector, WindowEdgesAndRingWrap) {
 
   for (uint32_t b = 8; b <= 1035; ++b) addBlkToVector(&v, b);
   // 129 slides: head went round to 1; ring byte 1 = 1111 0000 (blocks 1032..1035)
-  EXPECT_EQ(v.blkNumBase, 1032u);
-  EXPECT_EQ(v.head, 1);
+  EXPECT_EQ(window(v), std::tuple(1032u, 1, false));
   EXPECT_EQ(v.vector[1], 0xF0);
   EXPECT_FALSE(blkIsInVector(&v, 2055));  // the re-entered far byte starts empty
   addBlkToVector(&v, 2055);               // the window's last block lives in ring byte 0
@@ -71,27 +68,21 @@ TEST(BlkRxVector, BlocksBeforeTheMetadataStayInTheFirstWindow) {
   initBlkRxVector(&v, BS);
   addBlkToVector(&v, 1030);
   for (uint32_t b = 1; b <= 9; ++b) addBlkToVector(&v, b);
-  EXPECT_EQ(v.blkNumBase, 0u);  // no slide while the size is unknown
+  EXPECT_EQ(window(v), std::tuple(0u, 0, false));  // no slide while the size is unknown
   EXPECT_EQ(v.vector[0], 0x7F);
   EXPECT_EQ(v.vector[1], 0xC0);
-  EXPECT_FALSE(vectorIsFinished(&v));
   setBlkRxVectorFileSize(&v, 9 * BS);
   addBlkToVector(&v, 0);
-  EXPECT_EQ(v.blkNumBase, 8u);
-  EXPECT_TRUE(vectorIsFinished(&v));
+  EXPECT_EQ(window(v), std::tuple(8u, 1, true));
   EXPECT_FALSE(blkIsInVector(&v, 1030));  // inside the window now, but never recorded
 }
 
 TEST(BlockArithmetic, SizesAndOffsetsAtTheEdges) {
-  EXPECT_EQ(lastBlkForSize(0, BS), 1u);
-  EXPECT_EQ(lastBlkForSize(1, BS), 2u);
-  EXPECT_EQ(lastBlkForSize(BS, BS), 2u);
-  EXPECT_EQ(lastBlkForSize(BS + 1, BS), 3u);
-  EXPECT_EQ(lastBlkForSize(0xFFFFFFFFu, BS), 30460762u);  // 30460760 blocks + 135 bytes, no wrap
-  EXPECT_EQ(blockOffset(1, BS), 0u);
-  EXPECT_EQ(blockOffset(2, BS), BS);
-  EXPECT_EQ(blockOffset(30460761, BS), 0xFFFFFF78u);
-  EXPECT_EQ(blockOffset(0, BS), 0u - BS);  // wraps far past any file size
+  // 0xFFFFFFFF bytes: 30460760 blocks and 135 bytes, without wrapping.
+  for (auto [size, lastBlk] : {std::pair{0u, 1u}, {1u, 2u}, {BS, 2u}, {BS + 1, 3u}, {0xFFFFFFFFu, 30460762u}})
+    EXPECT_EQ(lastBlkForSize(size, BS), lastBlk) << size;
+  for (auto [blk, offset] : {std::pair{1u, 0u}, {2u, BS}, {30460761u, 0xFFFFFF78u}, {0u, 0u - BS}})
+    EXPECT_EQ(blockOffset(blk, BS), offset) << blk;  // block 0 wraps far past any file size
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <tuple>
 #include <vector>
 
 #include "common/common.hpp"
@@ -35,6 +36,10 @@ class Sender : public testing::Test {
     tx_advance_nextBlkNum(&tx_);
     return tx_.nextBlkNum;
   }
+  // Acknowledgements counted, the window's base and ring index, and ring bytes 0 to 5.
+  std::tuple<int, uint32_t, int, Bytes> seen() const {
+    return {tx_.ackCnt, tx_.rxVec.blkNumBase, tx_.rxVec.head, Bytes(tx_.rxVec.vector, tx_.rxVec.vector + 6)};
+  }
   KESTIL_TXState tx_{};
 };
 
@@ -42,19 +47,13 @@ TEST_F(Sender, AcknowledgementBaseRules) {
   EXPECT_EQ(ack(12, {0xFF}), 0);  // not a multiple of 8: ignored, not counted
   const uint8_t tooShort[] = {9, 0, 0, 0};
   EXPECT_EQ(rx_func(&tx_, tooShort, 4), 0);
-  EXPECT_EQ(tx_.ackCnt, 0);
-  EXPECT_EQ(tx_.rxVec.vector[0], 0);
+  EXPECT_EQ(seen(), std::tuple(0, 0u, 0, Bytes(6, 0)));
 
   tx_.rxVec.vector[5] = 0xAA;
   ack(2048, {0x80});  // more than a window ahead: a fresh window at 2048
-  EXPECT_EQ(tx_.ackCnt, 1);
-  EXPECT_EQ(tx_.rxVec.blkNumBase, 2048u);
-  EXPECT_EQ(tx_.rxVec.head, 0);
-  EXPECT_EQ(tx_.rxVec.vector[0], 0x80);
-  EXPECT_EQ(tx_.rxVec.vector[5], 0);
+  EXPECT_EQ(seen(), std::tuple(1, 2048u, 0, Bytes{0x80, 0, 0, 0, 0, 0}));
   ack(2064, {});  // within the window: two steps, the bytes left behind cleared
-  EXPECT_EQ(tx_.rxVec.head, 2);
-  EXPECT_EQ(tx_.rxVec.vector[0], 0);
+  EXPECT_EQ(seen(), std::tuple(2, 2064u, 2, Bytes(6, 0)));
 
   // A lower base: groups below the sender's base are skipped, group 2064 lands at head.
   ack(2048, {0x11, 0x22, 0x0F, 0xF0});
