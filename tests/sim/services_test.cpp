@@ -1,7 +1,7 @@
 // The simulator's request handling, datagram by datagram with stepped time: what the
 // transfer service sends in answer to requests and acknowledgements, and what the file
-// manager answers. The service's socket is real (loopback); its link is clean. (Whatever
-// datagram arrives: the simulator's fuzz target.)
+// manager answers. The service's socket is real (loopback); its link is clean. (A download's
+// pace and resends: the pacing tests; whatever datagram arrives: the simulator's fuzz target.)
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -83,20 +83,6 @@ class SimServices : public ::testing::Test {
   kt::UdpPeer client_;
   int64_t now_ = 1000000000;
 };
-
-TEST_F(SimServices, GetSendsEveryBlockOnceThenOnlyWhatTheAcknowledgementReportsMissing) {
-  ASSERT_TRUE(kt::writeFile("f.bin", kt::patternBytes(300, 5)));  // blocks 1 to 3, lastBlk 4
-  deliver(request(KESTIL_GET, "f.bin"));
-  EXPECT_EQ(blocksAfter(50), (std::vector<int>{-1, 1, 2, 3}));
-  EXPECT_TRUE(blocksAfter(1000).empty());     // the pass is spent until an acknowledgement
-  deliver(kt::bytes({9, 0, 0, 0, 0, 0xD0}));  // 0, 1 and 3 arrived
-  // Only block 2: resent as lost, then repeated while the wire would idle, until the client answers.
-  std::vector<int> again = blocksAfter(50);
-  ASSERT_FALSE(again.empty());
-  EXPECT_EQ(again, std::vector<int>(again.size(), 2));
-  deliver(kt::bytes({9, 0, 0, 0, 0, 0xF0}));  // complete: the transfer ends
-  EXPECT_EQ(transferSessionCount(&svc_), 0u);
-}
 
 TEST_F(SimServices, PiggyBackedAcknowledgementLimitsAResumeToWhatIsMissing) {
   ASSERT_TRUE(kt::writeFile("f.bin", kt::patternBytes(705, 6)));            // 5 blocks

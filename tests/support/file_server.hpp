@@ -160,12 +160,6 @@ struct RemoteRun {
     child = start(dir, command, args);
   }
   std::vector<uint8_t> recv(int timeoutMs = 5000) { return peer.recv(&client, timeoutMs); }
-  // The next datagram with `code` among the next ten (empty if none).
-  std::vector<uint8_t> recvCode(uint8_t code) {
-    for (int i = 0; i < 10; ++i)
-      if (std::vector<uint8_t> d = recv(); !d.empty() && d[0] == code) return d;
-    return {};
-  }
   void send(const std::vector<uint8_t> &d) { peer.send(d, client); }
   Served serve(const std::string &content, const ServeOptions &o = {}) {
     return serveFile(peer, child.pid, content, o);

@@ -110,12 +110,10 @@ Result finish(Child &child, int timeoutMs) {
     if (nowMs() > deadline) {
       kill(child.pid, SIGKILL);
       waitpid(child.pid, &status, 0);
-      r.timedOut = true;
       break;
     }
   }
   if (WIFEXITED(status)) r.status = WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) r.signal = WTERMSIG(status);
   r.out = readFile(child.outPath);
   r.err = readFile(child.errPath);
   unlink(child.outPath.c_str());

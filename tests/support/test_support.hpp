@@ -39,11 +39,8 @@ class UdpPeer {
 };
 
 struct Result {
-  std::string out;
-  std::string err;
-  int status = -1;        // exit status, or -1 when killed by a signal
-  int signal = 0;         // the signal that ended it, if any
-  bool timedOut = false;  // killed by the test's deadline
+  std::string out, err;
+  int status = -1;  // exit status, or -1 when killed by a signal (the test's deadline among them)
 };
 
 // What a run shows the operator, compared whole: exit status, standard output, standard error.
