@@ -4,8 +4,23 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
 
 namespace fz {
+
+// A fresh directory under /tmp named after `tag`, removed with all it holds when the process
+// exits. One per target.
+inline std::string scratchDir(const std::string &tag) {
+  static std::string dir = "/tmp/kestil-fuzz-" + tag + ".XXXXXX";
+  if (mkdtemp(dir.data()) == nullptr) std::abort();
+  std::atexit([] {
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
+  });
+  return dir;
+}
 
 struct Input {
   const uint8_t *p;

@@ -31,12 +31,7 @@ struct Record {
   bool operator==(const Record &) const = default;
 };
 
-std::string listingDir, listingPath;
-
-void removeListingDir() {
-  unlink(listingPath.c_str());
-  rmdir(listingDir.c_str());
-}
+std::string listingPath;
 
 void collect(void *param, uint8_t flags, uint8_t group, uint8_t priority, uint32_t size, const char *filename) {
   static_cast<std::vector<Record> *>(param)->push_back(Record{flags, group, priority, size, filename});
@@ -70,11 +65,7 @@ bool writeListing(const uint8_t *p, size_t len) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  char dir[] = "/tmp/kestil-fuzz-listing.XXXXXX";
-  if (mkdtemp(dir) == nullptr) std::abort();
-  listingDir = dir;
-  listingPath = listingDir + "/listing";
-  std::atexit(removeListingDir);
+  listingPath = fz::scratchDir("listing") + "/listing";
   return 0;
 }
 

@@ -23,14 +23,6 @@ namespace {
 // Names that exist in the working directory, with sizes 0, 1, 141, 1000; "gone" does not.
 const char *const NAMES[] = {"a", "b", "c", "d", "gone"};
 
-std::string workDir;
-
-void removeWorkDir() {
-  for (const char *n : NAMES) unlink((workDir + "/" + n).c_str());
-  unlink((workDir + "/queue.dat").c_str());
-  rmdir(workDir.c_str());
-}
-
 using Entry = std::tuple<int, std::string, uint8_t, uint8_t, uint32_t>;  // group, name, priority, flags, size
 
 void fail(const char *what) {
@@ -64,16 +56,13 @@ std::vector<Entry> snapshot() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  char dir[] = "/tmp/kestil-fuzz-queue.XXXXXX";
-  if (mkdtemp(dir) == nullptr || chdir(dir) != 0) std::abort();
-  workDir = dir;
+  if (chdir(fz::scratchDir("queue").c_str()) != 0) std::abort();
   const size_t sizes[] = {0, 1, 141, 1000};
   for (size_t i = 0; i < 4; ++i) {
     FILE *f = std::fopen(NAMES[i], "wb");
     if (f == nullptr || std::fwrite(std::string(sizes[i], 'x').data(), 1, sizes[i], f) != sizes[i]) std::abort();
     std::fclose(f);
   }
-  std::atexit(removeWorkDir);
   return 0;
 }
 

@@ -30,12 +30,7 @@ constexpr uint8_t OPT_RECORD_FROM_INPUT = 0x02;
 constexpr uint8_t OPT_ZERO_PAD = 0x04;
 constexpr uint8_t OPT_FOREIGN_SENDER = 0x08;  // datagrams from another port than the target's
 
-std::string stateDir, stateName;
-
-void removeStateDir() {
-  unlink(stateName.c_str());
-  rmdir(stateDir.c_str());
-}
+std::string stateName;
 
 // Never sent to: the sockets here are -1.
 sockaddr_in endpoint(uint16_t port) { return sockaddr_in{AF_INET, htons(port), {htonl(0x7F000901)}, {}}; }
@@ -132,11 +127,7 @@ void upload(uint8_t opts, fz::Input in) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  char dir[] = "/tmp/kestil-fuzz-rx.XXXXXX";
-  if (mkdtemp(dir) == nullptr) std::abort();
-  stateDir = dir;
-  stateName = stateDir + "/.local.kestil_state";
-  std::atexit(removeStateDir);
+  stateName = fz::scratchDir("rx") + "/.local.kestil_state";
   return 0;
 }
 

@@ -4,7 +4,6 @@
 // trace on. The served root is laid out anew for every input, so removals and uploads of one
 // input do not change the next.
 #include <arpa/inet.h>
-#include <ftw.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,17 +27,16 @@ int peers[2] = {-1, -1};
 sockaddr_in peerAddr[2];
 FILE *traceOut = nullptr;
 
-int removeEntry(const char *path, const struct stat *, int, struct FTW *) { return remove(path); }
-
 // No datagram may make the simulator write past what a window of the largest blocks holds.
-constexpr off_t WRITE_REACH = off_t{1024} * 65536;
+constexpr uintmax_t WRITE_REACH = uintmax_t{1024} * 65536;
 
-int checkSize(const char *path, const struct stat *st, int, struct FTW *) {
-  if (S_ISREG(st->st_mode) && st->st_size > WRITE_REACH) {
-    std::fprintf(stderr, "%s grew to %lld bytes\n", path, static_cast<long long>(st->st_size));
-    std::abort();
+void checkSizes() {
+  for (const auto &e : std::filesystem::recursive_directory_iterator(rootDir)) {
+    if (e.is_regular_file() && e.file_size() > WRITE_REACH) {
+      std::fprintf(stderr, "%s grew to %ju bytes\n", e.path().c_str(), static_cast<uintmax_t>(e.file_size()));
+      std::abort();
+    }
   }
-  return 0;
 }
 
 void writeFile(const char *name, size_t size) {
@@ -51,17 +49,12 @@ void writeFile(const char *name, size_t size) {
 // The root: two files either side of a block, a larger one and a directory with one file.
 void layOutRoot() {
   if (chdir(workDir.c_str()) != 0) std::abort();
-  nftw(rootDir.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+  std::filesystem::remove_all(rootDir);
   if (mkdir(rootDir.c_str(), 0755) != 0 || chdir(rootDir.c_str()) != 0 || mkdir("d", 0755) != 0) std::abort();
   writeFile("a", 100);
   writeFile("b", 300);
   writeFile("big", 20000);
   writeFile("d/c", 141);
-}
-
-void removeWorkDir() {
-  if (chdir("/") != 0) return;
-  nftw(workDir.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
 sockaddr_in loopback(uint32_t host) { return sockaddr_in{AF_INET, 0, {htonl(host)}, {}}; }
@@ -75,12 +68,9 @@ void drainPeers() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  char dir[] = "/tmp/kestil-fuzz-sim.XXXXXX";
-  if (mkdtemp(dir) == nullptr) std::abort();
-  workDir = dir;
+  workDir = fz::scratchDir("sim");
   rootDir = workDir + "/root";
   queuePath = workDir + "/queue.dat";
-  std::atexit(removeWorkDir);
   traceOut = std::fopen("/dev/null", "w");
   // Two clients on loopback that only take what the services send and drop it.
   for (int i = 0; i < 2; ++i) {
@@ -129,7 +119,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // Up to 630 ms in 10 ms steps: pacing, acknowledgement timers and housekeeping run.
     for (int i = 0; i < (step >> 2); ++i) loopRunDue(&loop, now += 10000);
     drainPeers();
-    nftw(rootDir.c_str(), checkSize, 16, FTW_PHYS);
+    checkSizes();
   }
   transferServiceStop(&svc);
   dwnq_close();
