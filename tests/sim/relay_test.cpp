@@ -26,12 +26,8 @@ void serve(EventLoop *loop, int64_t now) {
 
 TEST(Relay, FollowsAnUpstreamThatAnswersFromAPortOfItsOwn) {
   kt::UdpPeer client, service, transfer;
-  ASSERT_TRUE(client.bind("127.0.8.50", 0));
-  ASSERT_TRUE(service.bind("127.0.8.52", 0));
-  ASSERT_TRUE(transfer.bind("127.0.8.52", 0));
-  sockaddr_in listen{};
-  listen.sin_family = AF_INET;
-  inet_pton(AF_INET, "127.0.8.51", &listen.sin_addr);
+  ASSERT_TRUE(client.bind("127.0.8.50", 0) && service.bind("127.0.8.52", 0) && transfer.bind("127.0.8.52", 0));
+  sockaddr_in listen{AF_INET, 0, {htonl(0x7F000833)}, {}};  // 127.0.8.51
   int fd = openUdpSocket(listen);
   ASSERT_GE(fd, 0);
   socklen_t len = sizeof listen;
