@@ -85,8 +85,12 @@ struct TransferSession {
   bool fillSpent = false;           // nothing more to fill with until an acknowledgement
   bool fillSkippedInRound = false;  // the round passed over blocks too young to resend
   int64_t fillWakeUs = 0;           // when the youngest block passed over may be resent; 0: none
-  // How long after its sending the newest block an acknowledgement reports arrived had
-  // been out, smoothed: the link's round trip plus the time the client's queue held it.
+  // How long the newest block an acknowledgement reports arrived had been out when the
+  // acknowledgement came: the link's round trip plus the time the client's queue held it.
+  // The shortest of the recent ones counts: an acknowledgement the client sends on its 2 s
+  // timer reports a block that arrived long before, and at high loss most are such.
+  int64_t recentAges[8]{};
+  uint32_t agesSeen = 0;
   int64_t ackAgeUs = 0;
   uint64_t newestArrived = 0;  // send count of the newest block known to have arrived
   uint32_t acksHeard = 0;      // the client's acknowledgements applied (not the request's)
@@ -212,7 +216,7 @@ constexpr uint32_t FILL_PER_ACK = 2048;
 // acknowledgements' age: a client on a fast link that is simply behind still holds it in its
 // socket buffer, and a copy would only lengthen that queue (most of the loopback throughput
 // went to such copies). The floor covers the first acknowledgements and jitter.
-constexpr int64_t FILL_AGE_FLOOR_US = 2000;
+constexpr int64_t FILL_AGE_FLOOR_US = 5000;
 
 int64_t fillDueUs(const TransferSession *s, uint32_t blk) {
   return s->stamps[blk % KESTIL_WINDOW_BLOCKS].sentUs + s->ackAgeUs + s->ackAgeUs / 2 + FILL_AGE_FLOOR_US;
@@ -352,7 +356,9 @@ void detectLosses(TransferSession *s, uint32_t from, int64_t now) {
   if (newest->count > s->newestArrived) {
     s->newestArrived = newest->count;
     int64_t age = std::max<int64_t>(0, now - newest->sentUs);
-    s->ackAgeUs = s->ackAgeUs == 0 ? age : s->ackAgeUs + (age - s->ackAgeUs) / 8;
+    s->recentAges[s->agesSeen++ % std::size(s->recentAges)] = age;
+    size_t n = std::min<size_t>(s->agesSeen, std::size(s->recentAges));
+    s->ackAgeUs = *std::min_element(s->recentAges, s->recentAges + n);
   }
   for (uint32_t b = base; b < end; ++b) {
     if (!acked(s, b) && everSent(s, b) && s->stamps[b % KESTIL_WINDOW_BLOCKS].count < newest->count) s->lost.insert(b);

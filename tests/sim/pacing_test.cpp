@@ -138,7 +138,7 @@ TEST_F(SimPacing, FillResendsABlockOnlyWhenOlderThanAcknowledgementsShowBlocksTa
   ASSERT_EQ(blocks().size(), 16u);  // no fill before the first acknowledgement
   deliver(ack({0xFF, 0xFE}));       // 0-14 arrived; 14 went out about 86 ms ago
   advance(40);
-  EXPECT_TRUE(blocks().empty());  // 15 is due at about 15 + 1.5 x 86 + 2 ms
+  EXPECT_TRUE(blocks().empty());  // 15 is due at about 15 + 1.5 x 86 + 5 ms
   advance(30);
   EXPECT_EQ(blocks(), std::vector<uint32_t>{15});
   advance(100);
