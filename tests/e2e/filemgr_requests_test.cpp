@@ -2,15 +2,20 @@
 // each kind of answer with its message and exit status, and a file manager that stays silent.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "station/station.hpp"
 #include "tests/support/test_support.hpp"
 
 namespace {
 
 std::vector<uint8_t> queueOp(uint8_t cmd, uint8_t group, uint8_t priority, const std::string &name) {
-  std::vector<uint8_t> d{cmd, group, priority, 0};
-  d.insert(d.end(), name.begin(), name.end());
-  d.push_back(0);
+  // Sized up front: appending to a four-byte vector trips a false array-bounds warning in g++ 12.
+  std::vector<uint8_t> d(4 + name.size() + 1, 0);
+  d[0] = cmd;
+  d[1] = group;
+  d[2] = priority;
+  std::copy(name.begin(), name.end(), d.begin() + 4);
   return d;
 }
 
