@@ -98,6 +98,8 @@ def main():
     ap.add_argument("--seed", type=int, default=1)
     ap.add_argument("--addr", default="127.0.9.40")
     opts = ap.parse_args()
+    # The client and the simulator run in their own directories: the binaries are found from anywhere.
+    opts.bin_dir = os.path.abspath(opts.bin_dir)
     kestil = os.path.join(opts.bin_dir, "kestil")
     rng = random.Random(opts.seed)
     work = tempfile.mkdtemp(prefix="kestil-soak.")
