@@ -20,7 +20,7 @@ constexpr int LOG_LEVEL = 4;
 constexpr uint32_t CACHE_LIMIT = 262144;  // files of this size or more are read block by block
 constexpr int RING_BYTES = 128;
 
-int sendMetadata(KESTIL_TXState *tx, int tofd, const struct sockaddr_in *addr) {
+int buildMetadata(const KESTIL_TXState *tx, uint8_t *buf) {
   KESTIL_metadata meta{};
   // The record holds reqId in network order already; the encoder writes host order
   // big-endian, so converting back leaves the datagram bytes unchanged.
@@ -34,10 +34,7 @@ int sendMetadata(KESTIL_TXState *tx, int tofd, const struct sockaddr_in *addr) {
   } else {
     md5_fd(tx->fd, meta.md5);
   }
-  uint8_t buf[KESTIL_METADATA_LEN];
-  encodeMetadata(buf, sizeof buf, meta);
-  socket_write(tofd, buf, KESTIL_METADATA_LEN, addr);
-  return KESTIL_METADATA_LEN;
+  return static_cast<int>(encodeMetadata(buf, KESTIL_METADATA_LEN, meta));
 }
 
 // Moves nextBlkNum over blocks the receiver already has, within the window and the file.
@@ -49,14 +46,13 @@ void skipAcknowledged(KESTIL_TXState *tx, uint32_t vecEnd) {
 
 }  // namespace
 
-int tx_func(KESTIL_TXState *txState, int tofd, const struct sockaddr_in *addr) {
-  if (txState->nextBlkNum == 0) return sendMetadata(txState, tofd, addr);
+int tx_build(const KESTIL_TXState *txState, uint32_t blkNum, uint8_t *buf) {
+  if (blkNum == 0) return buildMetadata(txState, buf);
 
-  uint8_t buf[KESTIL_MAX_DATAGRAM];
-  const int headerLen = encodeDataBlockHeader(buf, sizeof buf, txState->nextBlkNum);
+  const int headerLen = encodeDataBlockHeader(buf, KESTIL_MAX_DATAGRAM, blkNum);
   uint32_t limit = static_cast<uint32_t>(KESTIL_MAX_DATAGRAM - headerLen);
   if (txState->blkSize < limit) limit = txState->blkSize;
-  const uint32_t offset = blockOffset(txState->nextBlkNum, txState->blkSize);
+  const uint32_t offset = blockOffset(blkNum, txState->blkSize);
 
   ssize_t dataLen = 0;
   if (txState->fileContents != nullptr) {
@@ -74,11 +70,17 @@ int tx_func(KESTIL_TXState *txState, int tofd, const struct sockaddr_in *addr) {
     dataLen = read(txState->fd, buf + headerLen, limit);
     DBG_LOG_ERRNO(LOG_LEVEL, "data read error");
   }
-  // A failed read sends nothing, so the caller does not count the send.
   if (dataLen < 0) return static_cast<int>(dataLen);
-  const int total = headerLen + static_cast<int>(dataLen);
-  socket_write(tofd, buf, total, addr);
-  return total;
+  return headerLen + static_cast<int>(dataLen);
+}
+
+int tx_func(KESTIL_TXState *txState, int tofd, const struct sockaddr_in *addr) {
+  uint8_t buf[KESTIL_MAX_DATAGRAM];
+  const int len = tx_build(txState, txState->nextBlkNum, buf);
+  // A failed read sends nothing, so the caller does not count the send.
+  if (len < 0) return len;
+  socket_write(tofd, buf, len, addr);
+  return len;
 }
 
 uint8_t rx_func(KESTIL_TXState *txState, const uint8_t *ack, int len) {

@@ -26,7 +26,10 @@ struct KESTIL_TXState {
   char *fileContents;  // whole file when cacheFile succeeded, else null; owned
 };
 
-// Sends block nextBlkNum; 33 for the metadata, the bytes sent for a data block, or the
+// Builds block `blkNum` (the metadata for 0, else a data block) into `buf`, which holds
+// KESTIL_MAX_DATAGRAM bytes: its length, or the negative result of a failed file read.
+int tx_build(const KESTIL_TXState *txState, uint32_t blkNum, uint8_t *buf);
+// Sends block nextBlkNum as tx_build makes it; 33 for the metadata, the bytes sent for a data block, or the
 // negative result of a failed file read (nothing sent).
 int tx_func(KESTIL_TXState *txState, int tofd, const struct sockaddr_in *addr);
 // Applies one acknowledgement datagram of `len` bytes; 1 when every block is acknowledged.

@@ -4,6 +4,7 @@
 
 #include <netinet/in.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -35,9 +36,6 @@ struct TransferService {
   EventLoop *loop = nullptr;
   const Trace *trace = nullptr;
   EmulatedSocket sock;
-  int captureFd = -1;  // where the transmit routine writes; see captureTx
-  sockaddr_in captureAddr{};
-  bool captureStale = false;                                      // a capture wait ran out; drain before the next send
   std::map<uint64_t, std::unique_ptr<TransferSession>> sessions;  // by client address and port
   uint64_t housekeepingTimer = 0;
 
@@ -46,12 +44,19 @@ struct TransferService {
   ~TransferService();
 };
 
-// Starts serving on the bound socket `fd`. False (with errno) when the private capture
-// socket cannot be made.
-[[nodiscard]] bool transferServiceStart(TransferService *svc, const SimOptions *opts, const std::string &rootReal,
-                                        EventLoop *loop, const Trace *trace, int fd, int64_t nowUs);
+// Starts serving on the bound socket `fd`.
+void transferServiceStart(TransferService *svc, const SimOptions *opts, const std::string &rootReal, EventLoop *loop,
+                          const Trace *trace, int fd, int64_t nowUs);
 void transferServiceStop(TransferService *svc);
 // One datagram as the link delivers it; the socket's handler, and the tests' entry point.
 void transferHandleDatagram(TransferService *svc, const uint8_t *dgram, int len, const sockaddr_in &from,
                             int64_t nowUs);
 size_t transferSessionCount(const TransferService *svc);
+
+// What the send and receive sessions share: the way out through the emulated link, and the
+// failure datagrams.
+void serviceSend(TransferService *svc, int64_t now, const uint8_t *d, size_t len, const sockaddr_in &to);
+// An error report (code 15), or with `code` 13 a put refusal that carries the same numbers.
+void encodeFailure(uint8_t *dst, uint8_t code, SimErrorReason reason, int err, uint8_t requestCode);
+void sendErrorReport(TransferService *svc, int64_t now, const sockaddr_in &to, SimErrorReason reason, int err,
+                     uint8_t requestCode);

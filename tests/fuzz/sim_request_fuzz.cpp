@@ -99,7 +99,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   TransferService svc;
   int64_t now = 1000000000;
   int fd = openUdpSocket(loopback(0x7F000AC8));  // 127.0.10.200
-  if (fd < 0 || !transferServiceStart(&svc, &opts, real, &loop, &trace, fd, now)) std::abort();
+  if (fd < 0) std::abort();
+  transferServiceStart(&svc, &opts, real, &loop, &trace, fd, now);
 
   fz::Input in{data, size};
   const uint8_t *d;

@@ -1,0 +1,396 @@
+// The send session: pacing in bits of wire, loss detection from the order of sends that the
+// acknowledgements reveal, and rounds of unacknowledged blocks that fill an idle wire.
+#include "sim/send_session.hpp"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/common.hpp"
+#include "listing/listing.hpp"
+#include "queue/downlink_queue.hpp"
+#include "sim/path_confine.hpp"
+#include "sim/transfer_service.hpp"
+
+namespace {
+
+// Shortest gap between two sending bursts of one session; bursts carry the credit earned.
+constexpr int64_t MIN_PUMP_GAP_US = 100;
+// Longest burst, in datagrams: a receiver on this host takes a few hundred small datagrams
+// into its socket buffer, so fast paces are sent as many short bursts, not a few long ones.
+constexpr int MAX_BURST_DATAGRAMS = 64;
+
+void schedulePump(SendSession *s, int64_t dueUs);
+
+bool acked(const SendSession *s, uint32_t blk) {
+  return blkIsInVector(const_cast<BlkRxVector *>(&s->tx.rxVec), blk) != 0;
+}
+
+uint32_t windowEnd(const SendSession *s) {
+  return static_cast<uint32_t>(
+      std::min<uint64_t>(static_cast<uint64_t>(s->tx.rxVec.blkNumBase) + BLK_RX_WINDOW, s->tx.rxVec.lastBlk));
+}
+
+const SendStamp &stampOf(const SendSession *s, uint32_t blk) { return s->stamps[blk % BLK_RX_WINDOW]; }
+
+bool everSent(const SendSession *s, uint32_t blk) {
+  const SendStamp &st = stampOf(s, blk);
+  return st.count != 0 && st.blk == blk;
+}
+
+// Rounds over what is sent but unacknowledged fill the wire that would otherwise stand idle
+// until the client's next acknowledgement (up to 2 s away): at the end of the file, or while a
+// lost block at the base holds the window. The client acknowledges after 256 blocks taken in,
+// duplicates included, so this many fill datagrams bring several acknowledgements even when
+// half the datagrams each way are lost, where waiting would take the client's 2 s timer; then
+// the session waits. On a slow link the client's timer answers long before the budget is
+// spent. Filling starts once the client has acknowledged anything; a round skips what was
+// resent during it.
+constexpr uint32_t FILL_PER_ACK = 2048;
+// A block is only sent again to fill once it has been out half as long again as the
+// acknowledgements' age: a client on a fast link that is simply behind still holds it in its
+// socket buffer, and a copy would only lengthen that queue (most of the loopback throughput
+// went to such copies). The floor covers the first acknowledgements and jitter.
+constexpr int64_t FILL_AGE_FLOOR_US = 5000;
+
+int64_t fillDueUs(const SendSession *s, uint32_t blk) {
+  return stampOf(s, blk).sentUs + s->ackAgeUs + s->ackAgeUs / 2 + FILL_AGE_FLOOR_US;
+}
+
+bool fillCandidate(const SendSession *s, uint32_t blk) {
+  return everSent(s, blk) && !acked(s, blk) && stampOf(s, blk).resentInRound != s->fillRound;
+}
+
+void startFillRound(SendSession *s) {
+  s->fillRound++;
+  s->fillSentInRound = 0;
+  s->fillSkippedInRound = false;
+  s->fillNext = s->tx.rxVec.blkNumBase;
+}
+
+// False with `fillWakeUs` set when only blocks too young to resend are left for now.
+bool pickFill(SendSession *s, uint32_t end, int64_t now, uint32_t *blk) {
+  s->fillWakeUs = 0;
+  for (int attempt = 0; attempt < 2 && s->fillSentSinceAck < FILL_PER_ACK; ++attempt) {
+    s->fillNext = std::max(s->fillNext, s->tx.rxVec.blkNumBase);
+    for (; s->fillNext < s->nextNew && s->fillNext < end; s->fillNext++) {
+      if (!fillCandidate(s, s->fillNext)) continue;
+      int64_t due = fillDueUs(s, s->fillNext);
+      if (due > now) {
+        // Passed over for this round; the next round, due when it has aged, takes it.
+        s->fillSkippedInRound = true;
+        if (s->fillWakeUs == 0 || due < s->fillWakeUs) s->fillWakeUs = due;
+        continue;
+      }
+      *blk = s->fillNext++;
+      s->fillSentInRound++;
+      s->fillSentSinceAck++;
+      return true;
+    }
+    // A round that found nothing at all: nothing to fill with.
+    if (s->fillSentInRound == 0 && !s->fillSkippedInRound) break;
+    startFillRound(s);
+    if (s->fillWakeUs != 0) return false;  // the new round starts when its first block is due
+  }
+  if (s->fillWakeUs == 0) s->fillSpent = true;
+  return false;
+}
+
+// What goes out next, in this order: blocks known lost, the forward pass, the fill round.
+// False when nothing is sendable until an acknowledgement or, with `fillWakeUs` set, until then.
+bool pickNext(SendSession *s, int64_t now, uint32_t *blk, bool *resend) {
+  s->fillWakeUs = 0;
+  *resend = true;
+  while (!s->lost.empty()) {
+    uint32_t b = *s->lost.begin();
+    s->lost.erase(s->lost.begin());
+    if (!acked(s, b) && b < windowEnd(s)) {
+      *blk = b;
+      s->fillSentInRound++;  // part of the round: the rounds go on with it
+      return true;
+    }
+  }
+  uint32_t end = windowEnd(s);
+  // The metadata always opens the pass: it is what answers the request, a resume's too.
+  while (s->nextNew != 0 && s->nextNew < end && acked(s, s->nextNew)) s->nextNew++;
+  if (s->nextNew < end) {
+    *blk = s->nextNew++;
+    *resend = false;
+    return true;
+  }
+  if (s->fillSpent || s->acksHeard == 0) return false;
+  return pickFill(s, end, now, blk);
+}
+
+double fullBlockBits(const SendSession *s) {
+  return (static_cast<double>(s->tx.blkSize) + 5 + LINK_IP_UDP_OVERHEAD) * 8;
+}
+
+void earnCredit(SendSession *s, int64_t now) {
+  if (s->passExhausted) {
+    // Credit is not saved across a wait: the pass starts again with one datagram's worth.
+    s->lastCreditUs = now;
+    s->credit = std::min(std::max(s->credit, 0.0), fullBlockBits(s));
+  }
+  double earned = s->paceBits * static_cast<double>(now - s->lastCreditUs) / 1e6;
+  s->lastCreditUs = now;
+  // A pump that runs late (a busy host) catches up on up to 200 ms of the rate, in bursts.
+  double cap = std::max(2.0 * fullBlockBits(s), s->paceBits * 0.2);
+  s->credit = std::min(cap, s->credit + earned);
+}
+
+void pump(SendSession *s, int64_t now) {
+  s->pumpTimer = 0;
+  earnCredit(s, now);
+  uint8_t buf[KESTIL_MAX_DATAGRAM];
+  s->passExhausted = false;
+  // Each datagram is charged its own size on the wire, so short ones (the metadata, the last
+  // block) leave room for more and the link is filled, not overrun.
+  for (int burst = 0; s->credit > 0.0 && burst < MAX_BURST_DATAGRAMS; ++burst) {
+    uint32_t blk = 0;
+    bool resend = false;
+    if (!pickNext(s, now, &blk, &resend)) {
+      s->passExhausted = true;
+      if (s->fillWakeUs != 0) schedulePump(s, s->fillWakeUs);
+      break;
+    }
+    int len = tx_build(&s->tx, blk, buf);
+    // A block whose read failed is not charged; it goes back among the lost and the burst
+    // ends, so it is tried again at the next one.
+    if (len < 0) {
+      s->lost.insert(blk);
+      break;
+    }
+    serviceSend(s->svc, now, buf, static_cast<size_t>(len), s->peer);
+    s->stamps[blk % BLK_RX_WINDOW] = SendStamp{blk, ++s->sendCount, resend ? s->fillRound : 0, now};
+    s->credit -= static_cast<double>(len + LINK_IP_UDP_OVERHEAD) * 8;
+  }
+  if (!s->passExhausted) {
+    int64_t gap = static_cast<int64_t>(std::max(0.0, -s->credit) * 1e6 / s->paceBits);
+    schedulePump(s, now + std::max(gap, MIN_PUMP_GAP_US));
+  }
+}
+
+void schedulePump(SendSession *s, int64_t dueUs) {
+  if (s->pumpTimer != 0) return;
+  s->pumpTimer = loopAddTimer(s->svc->loop, dueUs, [s](int64_t now) { pump(s, now); });
+}
+
+void restartPump(SendSession *s, int64_t now) {
+  loopCancelTimer(s->svc->loop, s->pumpTimer);
+  s->pumpTimer = 0;
+  schedulePump(s, now);
+}
+
+// Only an acknowledgement that reports a newer arrival says how long blocks take to be seen.
+void noteArrivalAge(SendSession *s, const SendStamp &newest, int64_t now) {
+  if (newest.count <= s->newestArrived) return;
+  s->newestArrived = newest.count;
+  int64_t age = std::max<int64_t>(0, now - newest.sentUs);
+  s->recentAges[s->agesSeen++ % std::size(s->recentAges)] = age;
+  size_t n = std::min<size_t>(s->agesSeen, std::size(s->recentAges));
+  s->ackAgeUs = *std::min_element(s->recentAges, s->recentAges + n);
+}
+
+// Loss detection after an acknowledgement: a block reported missing although a block sent
+// after it is reported received was lost on the way (held-back datagrams make this wrong now
+// and then, at the price of one extra copy).
+// `from` is the window's base before the acknowledgement: the blocks it slid over arrived too.
+void detectLosses(SendSession *s, uint32_t from, int64_t now) {
+  uint32_t base = s->tx.rxVec.blkNumBase;
+  uint32_t end = windowEnd(s);
+  const SendStamp *newest = nullptr;
+  for (uint32_t b = std::min(from, base); b < end; ++b) {
+    const SendStamp &st = stampOf(s, b);
+    if (acked(s, b) && everSent(s, b) && (newest == nullptr || st.count > newest->count)) newest = &st;
+  }
+  if (newest == nullptr) return;
+  noteArrivalAge(s, *newest, now);
+  for (uint32_t b = base; b < end; ++b) {
+    if (!acked(s, b) && everSent(s, b) && stampOf(s, b).count < newest->count) s->lost.insert(b);
+  }
+}
+
+// After an acknowledgement: losses it reveals go out first, the window may have moved on,
+// and the wire may be filled with one more round of unacknowledged blocks.
+void resumeAfterAck(SendSession *s, int64_t now, uint32_t baseBefore) {
+  detectLosses(s, baseBefore, now);
+  s->acksHeard++;
+  s->fillSpent = false;
+  s->fillSentSinceAck = 0;
+  startFillRound(s);
+  // A pass waiting for an acknowledgement, or for a block to age, goes on at once.
+  if (s->passExhausted) restartPump(s, now);
+}
+
+// Starts sending the open file `fd` (owned from here on) to `peer`.
+std::unique_ptr<SendSession> startSending(TransferService *svc, const sockaddr_in &peer, int fd, uint16_t blockSize,
+                                          int64_t now) {
+  auto s = std::make_unique<SendSession>();
+  s->svc = svc;
+  s->peer = peer;
+  KESTIL_TXState &tx = s->tx;
+  tx.blkSize = blockSize;
+  tx.reqId = htonl(KESTIL_REQ_ID);
+  tx.fd = fd;
+  fstat(fd, &tx.stat);
+  tx.size = static_cast<uint32_t>(tx.stat.st_size);
+  initBlkRxVector(&tx.rxVec, blockSize);
+  setBlkRxVectorFileSize(&tx.rxVec, tx.size);
+  cacheFile(&tx);
+  s->paceBits = effectivePaceBits(*svc->opts, blockSize);
+  s->credit = fullBlockBits(s.get());  // the metadata goes out at once
+  s->lastCreditUs = now;
+  schedulePump(s.get(), now);
+  return s;
+}
+
+// A finished listing file is served from an open descriptor; its name is removed at once,
+// so nothing is left in the temporary directory whatever becomes of the transfer.
+int openAndRemoveListing(FileListing *listing) {
+  if (listing == nullptr) return -1;
+  const char *name = listing_file_name(listing);
+  int fd = open(name, O_RDONLY | O_CLOEXEC);
+  unlink(name);
+  listing_destroy(listing);
+  return fd;
+}
+
+// The file a get names, open; -1 after an error report that says why not.
+int openRequestedFile(TransferService *svc, const sockaddr_in &peer, const KESTIL_get &req, int64_t now,
+                      std::string *rel) {
+  PathVerdict verdict = confinePath(svc->rootReal, req.name, rel);
+  if (verdict != PathVerdict::Inside) {
+    traceNote(*svc->trace, now, "get '%s' refused: %s", req.name, pathVerdictText(verdict));
+    sendErrorReport(svc, now, peer, SimErrorReason::PathRefused, EACCES, KESTIL_GET);
+    return -1;
+  }
+  if (req.blocksize == 0) {
+    sendErrorReport(svc, now, peer, SimErrorReason::BadRequest, EINVAL, KESTIL_GET);
+    return -1;
+  }
+  int fd = open(rel->c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    int err = errno;
+    traceNote(*svc->trace, now, "get '%s': %s", rel->c_str(), std::strerror(err));
+    sendErrorReport(svc, now, peer, SimErrorReason::CannotOpen, err, KESTIL_GET);
+    return -1;
+  }
+  struct stat st {};
+  fstat(fd, &st);
+  if (!S_ISREG(st.st_mode) || st.st_size > static_cast<off_t>(UINT32_MAX)) {
+    close(fd);
+    bool dir = S_ISDIR(st.st_mode);
+    sendErrorReport(svc, now, peer, S_ISREG(st.st_mode) ? SimErrorReason::TooLarge : SimErrorReason::NotAFile,
+                    dir ? EISDIR : (S_ISREG(st.st_mode) ? EFBIG : EINVAL), KESTIL_GET);
+    return -1;
+  }
+  return fd;
+}
+
+void collectReported(void *param, uint8_t, uint8_t group, uint8_t, uint32_t, const char *filename) {
+  static_cast<std::vector<ReportedEntry> *>(param)->push_back({filename, group});
+}
+
+}  // namespace
+
+SendSession::~SendSession() {
+  if (svc != nullptr) loopCancelTimer(svc->loop, pumpTimer);
+  releaseFileCache(&tx);
+  if (tx.fd >= 0) close(tx.fd);
+}
+
+std::unique_ptr<SendSession> sendStartGet(TransferService *svc, const sockaddr_in &peer, const KESTIL_get &req,
+                                          const uint8_t *ack, int ackLen, int64_t now) {
+  std::string rel;
+  int fd = openRequestedFile(svc, peer, req, now, &rel);
+  if (fd < 0) return nullptr;
+  auto s = startSending(svc, peer, fd, req.blocksize, now);
+  if (ack != nullptr) {
+    rx_func(&s->tx, ack, ackLen);
+    // What the request reports is where the first pass starts from, not news that would
+    // justify sending the pass again at its end.
+    s->tx.lastWrapAckCnt = s->tx.ackCnt;
+  }
+  traceNote(*svc->trace, now, "get '%s': %u bytes in blocks of %u", rel.c_str(), s->tx.size, req.blocksize);
+  return s;
+}
+
+std::unique_ptr<SendSession> sendStartListing(TransferService *svc, const sockaddr_in &peer, const KESTIL_get &req,
+                                              int64_t now) {
+  std::string rel;
+  PathVerdict verdict = confinePath(svc->rootReal, req.name, &rel);
+  FileListing *listing = nullptr;
+  if (verdict == PathVerdict::Inside) {
+    listing = listing_from_path(rel.c_str(), (req.flags & KESTIL_LS_FLAG_R) != 0, (req.flags & KESTIL_LS_FLAG_A) != 0);
+  } else {
+    traceNote(*svc->trace, now, "ls '%s' refused: %s", req.name, pathVerdictText(verdict));
+  }
+  // A refused or missing path gets an empty listing: the client ends at once, with nothing to print.
+  if (listing == nullptr) {
+    listing = listing_init(0);
+    listing_done_adding(listing);
+  }
+  int fd = openAndRemoveListing(listing);
+  if (fd < 0) return nullptr;  // nothing to serve: the client gives up on its own
+  auto s = startSending(svc, peer, fd, req.blocksize == 0 ? KESTIL_BLOCK_SIZE : req.blocksize, now);
+  traceNote(*svc->trace, now, "ls '%s' (flags %u): listing of %u bytes", rel.c_str(), req.flags, s->tx.size);
+  return s;
+}
+
+std::unique_ptr<SendSession> sendStartReport(TransferService *svc, const sockaddr_in &peer, const KESTIL_qreport &req,
+                                             int64_t now) {
+  // The request's limits arrive decoded to plain numbers, as the report builder reads them.
+  GroupLimit limits[KESTIL_MAX_GROUP_LIMITS];
+  std::copy(req.limits, req.limits + req.num_grps, limits);
+  FileListing *listing = dwnq_report(req.num_grps > 0 ? limits : nullptr, req.num_grps);
+  if (listing == nullptr) return nullptr;
+  bool removeOnConfirm = (req.flags & KESTIL_LS_FLAG_R) != 0;
+  std::vector<ReportedEntry> reported;
+  if (removeOnConfirm) iterate_dirlisting(listing_file_name(listing), collectReported, &reported);
+  int fd = openAndRemoveListing(listing);
+  if (fd < 0) return nullptr;
+  auto s = startSending(svc, peer, fd, req.blocksize == 0 ? KESTIL_BLOCK_SIZE : req.blocksize, now);
+  s->removeOnConfirm = removeOnConfirm;
+  s->reported = std::move(reported);
+  traceNote(*svc->trace, now, "report (%u limits%s): %u bytes", req.num_grps,
+            removeOnConfirm ? ", remove on confirmation" : "", s->tx.size);
+  return s;
+}
+
+void sendOnRepeat(SendSession *s, const uint8_t *ack, int ackLen, int64_t now) {
+  uint32_t baseBefore = s->tx.rxVec.blkNumBase;
+  if (ack != nullptr) rx_func(&s->tx, ack, ackLen);
+  if (blkIsInVector(&s->tx.rxVec, 0)) {
+    resumeAfterAck(s, now, baseBefore);
+    return;
+  }
+  // The client repeats its request while it lacks the metadata: start the pass over.
+  s->nextNew = 0;
+  s->lost.clear();
+  std::fill(std::begin(s->stamps), std::end(s->stamps), SendStamp{});
+  s->fillSpent = false;
+  s->newestArrived = 0;
+  restartPump(s, now);
+}
+
+SendAck sendOnAck(SendSession *s, const uint8_t *d, int len, int64_t now) {
+  if (d[0] == KESTIL_VECACK_FINAL) return SendAck::Stopped;
+  uint32_t baseBefore = s->tx.rxVec.blkNumBase;
+  if (rx_func(&s->tx, d, len) == 1) {
+    // The first complete acknowledgement is the client's confirmation.
+    if (s->removeOnConfirm) {
+      for (const ReportedEntry &e : s->reported) dwnq_remove(e.name.c_str(), e.group);
+      traceNote(*s->svc->trace, now, "report confirmed: %zu entries leave the queue", s->reported.size());
+    }
+    return SendAck::Complete;
+  }
+  resumeAfterAck(s, now, baseBefore);
+  return SendAck::Going;
+}

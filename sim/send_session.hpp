@@ -1,0 +1,86 @@
+// A transfer leaving the simulator (get, ls, report): the file is paced out through the
+// transmit routine's datagram builder, the client's acknowledgements are folded into the
+// sender's copy of its vector, and what they show lost or still unacknowledged goes again.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "common/tx_state.hpp"
+#include "common/wire_codec.hpp"
+
+struct TransferService;
+
+struct SendStamp {
+  uint32_t blk = 0;
+  uint64_t count = 0;          // 0: never sent
+  uint32_t resentInRound = 0;  // fill round of its last resend; 0 after a first send
+  int64_t sentUs = 0;
+};
+
+struct ReportedEntry {
+  std::string name;
+  uint8_t group;
+};
+
+struct SendSession {
+  TransferService *svc = nullptr;
+  sockaddr_in peer{};
+  KESTIL_TXState tx{};
+  bool passExhausted = false;  // nothing sendable until the next acknowledgement
+  double credit = 0.0;         // in bits of wire, IP/UDP overhead included
+  double paceBits = 1.0;       // bits per second the session is paced at
+  int64_t lastCreditUs = 0;
+  // Retransmission: every send is stamped with a running count, per block of the window, so
+  // an acknowledgement that shows a later send arrived shows which earlier ones were lost.
+  uint64_t sendCount = 0;
+  SendStamp stamps[BLK_RX_WINDOW]{};
+  uint32_t nextNew = 0;     // the forward pass: lowest block never sent
+  std::set<uint32_t> lost;  // blocks to send again before anything new
+  uint32_t fillNext = 0;    // rounds of unacknowledged blocks that fill an idle wire
+  uint32_t fillRound = 1;
+  uint32_t fillSentInRound = 0;
+  uint32_t fillSentSinceAck = 0;
+  bool fillSpent = false;           // nothing more to fill with until an acknowledgement
+  bool fillSkippedInRound = false;  // the round passed over blocks too young to resend
+  int64_t fillWakeUs = 0;           // when the youngest block passed over may be resent; 0: none
+  // How long the newest block an acknowledgement reports arrived had been out when the
+  // acknowledgement came: the link's round trip plus the time the client's queue held it.
+  // The shortest of the recent ones counts: an acknowledgement the client sends on its 2 s
+  // timer reports a block that arrived long before, and at high loss most are such.
+  int64_t recentAges[8]{};
+  uint32_t agesSeen = 0;
+  int64_t ackAgeUs = 0;
+  uint64_t newestArrived = 0;  // send count of the newest block known to have arrived
+  uint32_t acksHeard = 0;      // the client's acknowledgements applied (not the request's)
+  uint64_t pumpTimer = 0;
+  bool removeOnConfirm = false;  // a report whose entries leave the queue once confirmed
+  std::vector<ReportedEntry> reported;
+
+  SendSession() = default;
+  SendSession(const SendSession &) = delete;
+  SendSession &operator=(const SendSession &) = delete;
+  ~SendSession();  // stops the pump and closes the file
+};
+
+// What the client's acknowledgement did to the transfer.
+enum class SendAck : uint8_t { Going, Stopped, Complete };
+
+// Each start answers null when the request was refused (a get answered with an error report,
+// a listing that could not be made): no transfer is left behind. `ack` is the acknowledgement
+// a get request carries behind its name (null, 0: none).
+std::unique_ptr<SendSession> sendStartGet(TransferService *svc, const sockaddr_in &peer, const KESTIL_get &req,
+                                          const uint8_t *ack, int ackLen, int64_t now);
+std::unique_ptr<SendSession> sendStartListing(TransferService *svc, const sockaddr_in &peer, const KESTIL_get &req,
+                                              int64_t now);
+std::unique_ptr<SendSession> sendStartReport(TransferService *svc, const sockaddr_in &peer, const KESTIL_qreport &req,
+                                             int64_t now);
+// The client repeated its request, with the acknowledgement it carries (null, 0: none).
+void sendOnRepeat(SendSession *s, const uint8_t *ack, int ackLen, int64_t now);
+// An acknowledgement (code 9 or 14) of more than 4 bytes from the session's client.
+SendAck sendOnAck(SendSession *s, const uint8_t *d, int len, int64_t now);
