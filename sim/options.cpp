@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -65,16 +66,136 @@ bool parsePass(const char *text, uint32_t *up, uint32_t *down) {
   return true;
 }
 
+// One row per option: its name, what its value looks like (null: a switch), what it does,
+// and the parser that stores the value. The parser answers null, or what a good value is.
+struct SimOptionRow {
+  const char *name;
+  const char *argument;
+  const char *help;
+  const char *(*parse)(const char *value, SimOptions *opts);
+};
+
+template <uint64_t Max, typename Field>
+const char *storeUnsigned(const char *value, uint64_t min, Field *field, const char *expected) {
+  uint64_t n = 0;
+  if (!parseUnsigned(value, Max, &n) || n < min) return expected;
+  *field = static_cast<Field>(n);
+  return nullptr;
+}
+
+const char *storeText(const char *value, std::string *field, const char *expected) {
+  if (*value == '\0') return expected;
+  *field = value;
+  return nullptr;
+}
+
+const char *storeFraction(const char *value, double *field) {
+  return parseFraction(value, field) ? nullptr : "a fraction from 0 to 1, 0.1 = 10%";
+}
+
+constexpr const char *PORT_EXPECTED = "a port from 1 to 65535";
+
+const SimOptionRow OPTION_ROWS[] = {
+    {"--root", "DIR", "the directory served (default: the working directory)",
+     [](const char *v, SimOptions *o) { return storeText(v, &o->root, "a directory"); }},
+    {"--addr", "ADDR", "the exact IPv4 address to bind (default 127.0.0.1)",
+     [](const char *v, SimOptions *o) -> const char * {
+       return parseAddr(v, &o->addr) ? nullptr : "a dotted IPv4 address";
+     }},
+    {"--port", "N", "the transfer service's port (default 3223)",
+     [](const char *v, SimOptions *o) { return storeUnsigned<65535>(v, 1, &o->port, PORT_EXPECTED); }},
+    {"--filemgr-port", "N", "the file manager's port (default 3224)",
+     [](const char *v, SimOptions *o) { return storeUnsigned<65535>(v, 1, &o->filemgrPort, PORT_EXPECTED); }},
+    {"--queue", "FILE", "the download queue's data file (default: .kestil-sim.qdata in the root)",
+     [](const char *v, SimOptions *o) { return storeText(v, &o->queueFile, "a file name"); }},
+    {"--rate", "BITS_PER_S", "link: rate each way, 0 for unlimited",
+     [](const char *v, SimOptions *o) {
+       return storeUnsigned<100000000000ull>(v, 0, &o->link.rateBps, "bits per second, 0 for unlimited");
+     }},
+    {"--delay", "MS", "link: one-way delay",
+     [](const char *v, SimOptions *o) { return storeUnsigned<600000>(v, 0, &o->link.delayMs, "milliseconds"); }},
+    {"--loss", "P", "link: share of datagrams lost each way (P is a fraction: 0.1 is 10%)",
+     [](const char *v, SimOptions *o) { return storeFraction(v, &o->link.loss); }},
+    {"--dup", "P", "link: share of datagrams delivered twice",
+     [](const char *v, SimOptions *o) { return storeFraction(v, &o->link.dup); }},
+    {"--reorder", "P", "link: share of datagrams held back behind the next",
+     [](const char *v, SimOptions *o) { return storeFraction(v, &o->link.reorder); }},
+    {"--pass", "UP_S:DOWN_S", "link: up for UP_S seconds, then down for DOWN_S, over and over",
+     [](const char *v, SimOptions *o) -> const char * {
+       return parsePass(v, &o->link.passUpS, &o->link.passDownS) ? nullptr : "UP_S:DOWN_S with UP_S above 0";
+     }},
+    {"--seed", "N", "link: seed of the loss, duplication and reordering draws",
+     [](const char *v, SimOptions *o) {
+       return storeUnsigned<UINT64_MAX>(v, 0, &o->link.seed, "a non-negative integer");
+     }},
+    {"--idle", "S", "a transfer silent this long is dropped (default 60)",
+     [](const char *v, SimOptions *o) { return storeUnsigned<86400>(v, 1, &o->idleS, "seconds, at least 1"); }},
+    {"--pace", "N", "downloads: datagrams per second per transfer",
+     [](const char *v, SimOptions *o) {
+       return storeUnsigned<1000000>(v, 0, &o->pace, "datagrams per second, 0 for the default");
+     }},
+    {"--pace-rate", "BITS_PER_S", "downloads: bits per second of wire per transfer",
+     [](const char *v, SimOptions *o) {
+       return storeUnsigned<10000000000ull>(v, 0, &o->paceBits, "bits per second, 0 for the default");
+     }},
+    {"--ack-interval", "MS", "uploads: acknowledge at least this often (default 500)",
+     [](const char *v, SimOptions *o) {
+       return storeUnsigned<60000>(v, 1, &o->ackIntervalMs, "milliseconds, at least 1");
+     }},
+    {"--ack-blocks", "N", "uploads: or after this many new blocks (default 64)",
+     [](const char *v, SimOptions *o) { return storeUnsigned<1024>(v, 1, &o->ackBlocks, "blocks, 1 to 1024"); }},
+    {"--pcap", "FILE", "write every datagram to a capture file",
+     [](const char *v, SimOptions *o) { return storeText(v, &o->pcapPath, "a file name"); }},
+    {"-v", nullptr, "the protocol trace on standard output (also --verbose)",
+     [](const char *, SimOptions *o) -> const char * {
+       o->verbose = true;
+       return nullptr;
+     }},
+};
+
+const SimOptionRow *findOption(std::string_view name) {
+  if (name == "--verbose") name = "-v";
+  for (const SimOptionRow &row : OPTION_ROWS) {
+    if (name == row.name) return &row;
+  }
+  return nullptr;
+}
+
+std::string buildUsage() {
+  std::string text =
+      "usage: kestil-sim [options]\n"
+      "       kestil-sim --relay LISTEN_ADDR:PORT UPSTREAM_ADDR:PORT [link options] [--idle S] [-v] [--pcap FILE]\n"
+      "options:\n";
+  for (const SimOptionRow &row : OPTION_ROWS) {
+    std::string left = std::string(row.name) + (row.argument != nullptr ? std::string(" ") + row.argument : "");
+    left.resize(std::max<size_t>(left.size() + 1, 26), ' ');
+    text += "  " + left + row.help + "\n";
+  }
+  return text;
+}
+
+// --relay takes two values, the listening and the upstream endpoint.
+ParseOutcome parseRelay(int argc, const char *const *argv, int *i, SimOptions *opts, std::string *error) {
+  const char *listen = *i + 1 < argc ? argv[++*i] : nullptr;
+  const char *upstream = *i + 1 < argc ? argv[++*i] : nullptr;
+  if (!parseEndpoint(listen, &opts->relayListen)) {
+    *error = std::string("bad value for --relay: '") + (listen != nullptr ? listen : "") + "' (LISTEN_ADDR:PORT)";
+    return ParseOutcome::Error;
+  }
+  if (!parseEndpoint(upstream, &opts->relayUpstream)) {
+    *error = std::string("bad value for --relay: '") + (upstream != nullptr ? upstream : "") +
+             "' (UPSTREAM_ADDR:PORT after the listen address)";
+    return ParseOutcome::Error;
+  }
+  opts->relay = true;
+  return ParseOutcome::Run;
+}
+
 }  // namespace
 
 const char *simUsage() {
-  return "usage: kestil-sim [--root DIR] [--addr ADDR] [--port N] [--filemgr-port N] [--queue FILE]\n"
-         "                  [link options] [--idle S] [--pace N | --pace-rate BITS_PER_S] [--ack-interval MS] "
-         "[--ack-blocks N] [-v]\n"
-         "                  [--pcap FILE]\n"
-         "       kestil-sim --relay LISTEN_ADDR:PORT UPSTREAM_ADDR:PORT [link options] [--idle S] [-v] [--pcap FILE]\n"
-         "link options: --rate BITS_PER_S --delay MS --loss P --dup P --reorder P --pass UP_S:DOWN_S --seed N\n"
-         "              (P is a fraction: 0.1 is 10%)\n";
+  static const std::string usage = buildUsage();
+  return usage.c_str();
 }
 
 ParseOutcome parseSimOptions(int argc, const char *const *argv, SimOptions *opts, std::string *error) {
@@ -82,118 +203,45 @@ ParseOutcome parseSimOptions(int argc, const char *const *argv, SimOptions *opts
   for (int i = 1; i < argc; ++i) {
     std::string_view name(argv[i]);
     if (name == "-h" || name == "--help") return ParseOutcome::Help;
-    if (name == "-v" || name == "--verbose") {
-      opts->verbose = true;
+    if (name == "--relay") {
+      if (parseRelay(argc, argv, &i, opts, error) == ParseOutcome::Error) return ParseOutcome::Error;
       continue;
     }
-    // Every other option takes a value, either as "--name=value" or as the next argument.
+    // A value comes either as "--name=value" or as the next argument.
     std::string inlineValue;
     bool hasInline = false;
-    if (name.starts_with("--")) {
-      size_t eq = name.find('=');
-      if (eq != std::string_view::npos) {
-        inlineValue = std::string(name.substr(eq + 1));
-        name = name.substr(0, eq);
-        hasInline = true;
-      }
+    size_t eq = name.find('=');
+    if (name.starts_with("--") && eq != std::string_view::npos) {
+      inlineValue = std::string(name.substr(eq + 1));
+      name = name.substr(0, eq);
+      hasInline = true;
     }
-    auto takeValue = [&](const char **value) {
-      if (hasInline) {
-        *value = inlineValue.c_str();
-        return true;
-      }
-      if (i + 1 >= argc) return false;
-      *value = argv[++i];
-      return true;
-    };
-    const char *value = nullptr;
-    std::string opt(name);
-    auto bad = [&](const char *what) {
-      *error = "bad value for " + opt + ": '" + (value != nullptr ? value : "") + "' (" + what + ")";
-      return ParseOutcome::Error;
-    };
-    if (opt != "--root" && opt != "--addr" && opt != "--port" && opt != "--filemgr-port" && opt != "--queue" &&
-        opt != "--rate" && opt != "--delay" && opt != "--loss" && opt != "--dup" && opt != "--reorder" &&
-        opt != "--pass" && opt != "--seed" && opt != "--idle" && opt != "--pace" && opt != "--pace-rate" &&
-        opt != "--ack-interval" && opt != "--ack-blocks" && opt != "--relay" && opt != "--pcap") {
+    const SimOptionRow *row = findOption(name);
+    if (row == nullptr) {
       *error = "unknown option '" + std::string(argv[i]) + "'";
       return ParseOutcome::Error;
     }
-    if (!takeValue(&value)) {
-      *error = "option " + opt + " needs a value";
-      return ParseOutcome::Error;
+    const char *value = "";
+    if (row->argument != nullptr) {
+      if (!hasInline && i + 1 >= argc) {
+        *error = "option " + std::string(name) + " needs a value";
+        return ParseOutcome::Error;
+      }
+      value = hasInline ? inlineValue.c_str() : argv[++i];
     }
-    uint64_t n = 0;
-    if (opt == "--root") {
-      if (*value == '\0') return bad("a directory");
-      opts->root = value;
-    } else if (opt == "--addr") {
-      if (!parseAddr(value, &opts->addr)) return bad("a dotted IPv4 address");
-    } else if (opt == "--port" || opt == "--filemgr-port") {
-      if (!parseUnsigned(value, 65535, &n) || n == 0) return bad("a port from 1 to 65535");
-      (opt == "--port" ? opts->port : opts->filemgrPort) = static_cast<uint16_t>(n);
-    } else if (opt == "--queue") {
-      if (*value == '\0') return bad("a file name");
-      opts->queueFile = value;
-    } else if (opt == "--rate") {
-      if (!parseUnsigned(value, 100000000000ull, &n)) return bad("bits per second, 0 for unlimited");
-      opts->link.rateBps = n;
-    } else if (opt == "--delay") {
-      if (!parseUnsigned(value, 600000, &n)) return bad("milliseconds");
-      opts->link.delayMs = static_cast<uint32_t>(n);
-    } else if (opt == "--loss" || opt == "--dup" || opt == "--reorder") {
-      double p = 0;
-      if (!parseFraction(value, &p)) return bad("a fraction from 0 to 1, 0.1 = 10%");
-      (opt == "--loss" ? opts->link.loss : opt == "--dup" ? opts->link.dup : opts->link.reorder) = p;
-    } else if (opt == "--pass") {
-      if (!parsePass(value, &opts->link.passUpS, &opts->link.passDownS)) return bad("UP_S:DOWN_S with UP_S above 0");
-    } else if (opt == "--seed") {
-      if (!parseUnsigned(value, UINT64_MAX, &n)) return bad("a non-negative integer");
-      opts->link.seed = n;
-    } else if (opt == "--idle") {
-      if (!parseUnsigned(value, 86400, &n) || n == 0) return bad("seconds, at least 1");
-      opts->idleS = static_cast<uint32_t>(n);
-    } else if (opt == "--pace") {
-      if (!parseUnsigned(value, 1000000, &n)) return bad("datagrams per second, 0 for the default");
-      opts->pace = static_cast<uint32_t>(n);
-    } else if (opt == "--pace-rate") {
-      if (!parseUnsigned(value, 10000000000ull, &n)) return bad("bits per second, 0 for the default");
-      opts->paceBits = n;
-    } else if (opt == "--ack-interval") {
-      if (!parseUnsigned(value, 60000, &n) || n == 0) return bad("milliseconds, at least 1");
-      opts->ackIntervalMs = static_cast<uint32_t>(n);
-    } else if (opt == "--ack-blocks") {
-      if (!parseUnsigned(value, 1024, &n) || n == 0) return bad("blocks, 1 to 1024");
-      opts->ackBlocks = static_cast<uint32_t>(n);
-    } else if (opt == "--pcap") {
-      if (*value == '\0') return bad("a file name");
-      opts->pcapPath = value;
-    } else if (opt == "--relay") {
-      const char *upstream = i + 1 < argc ? argv[++i] : nullptr;
-      if (!parseEndpoint(value, &opts->relayListen)) return bad("LISTEN_ADDR:PORT");
-      value = upstream;
-      if (!parseEndpoint(upstream, &opts->relayUpstream)) return bad("UPSTREAM_ADDR:PORT after the listen address");
-      opts->relay = true;
+    if (const char *expected = row->parse(value, opts); expected != nullptr) {
+      *error = "bad value for " + std::string(name) + ": '" + value + "' (" + expected + ")";
+      return ParseOutcome::Error;
     }
   }
   return ParseOutcome::Run;
 }
 
-uint32_t effectivePace(const SimOptions &opts, uint32_t blockSize) {
-  if (opts.pace > 0) return opts.pace;
-  if (opts.link.rateBps > 0) {
-    // A full data block travels with its largest header and the IP/UDP overhead.
-    uint64_t bits = (static_cast<uint64_t>(blockSize) + 5 + LINK_IP_UDP_OVERHEAD) * 8;
-    uint64_t perSecond = opts.link.rateBps / bits;
-    return perSecond > 0 ? static_cast<uint32_t>(perSecond) : 1;
-  }
-  // Unlimited link: fast, yet slow enough that a client on the same host keeps up.
-  return 2000;
-}
-
 double effectivePaceBits(const SimOptions &opts, uint32_t blockSize) {
   if (opts.paceBits > 0) return static_cast<double>(opts.paceBits);
   if (opts.pace == 0 && opts.link.rateBps > 0) return static_cast<double>(opts.link.rateBps);
+  // A full data block travels with its largest header and the IP/UDP overhead. Without a
+  // pace or a link rate: fast, yet slow enough that a client on the same host keeps up.
   double fullBits = (static_cast<double>(blockSize) + 5 + LINK_IP_UDP_OVERHEAD) * 8;
-  return static_cast<double>(effectivePace(opts, blockSize)) * fullBits;
+  return static_cast<double>(opts.pace > 0 ? opts.pace : 2000) * fullBits;
 }

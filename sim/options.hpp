@@ -34,9 +34,6 @@ enum class ParseOutcome : uint8_t { Run, Help, Error };
 [[nodiscard]] ParseOutcome parseSimOptions(int argc, const char *const *argv, SimOptions *opts, std::string *error);
 // The usage text printed for --help and after an option error.
 const char *simUsage();
-// Datagrams per second a transfer is paced at: --pace, else the link rate's worth of full
-// blocks of `blockSize` bytes, else a loopback-friendly default.
-uint32_t effectivePace(const SimOptions &opts, uint32_t blockSize);
 // Bits per second of wire (28 bytes of IP/UDP counted per datagram) a download is paced at:
 // --pace-rate, else --pace full blocks of `blockSize` bytes, else the link rate, else the
 // loopback default. A link emulated elsewhere (a relay) is matched with --pace-rate.
