@@ -102,10 +102,13 @@ void finish(ReceiveSession *r, int64_t now) {
 }
 
 // Every later datagram of a finished upload is answered with its outcome, so a client that
-// lost the completing acknowledgement still hears it.
+// lost the completing acknowledgement still hears it. A stored upload answers with the
+// closing form (code 14), which ends the client's upload whatever it last sent: a client
+// whose only block is the metadata resends it on every idle tick and would take a plain
+// acknowledgement for the answer to its request.
 void answerFinished(ReceiveSession *r, int64_t now) {
   if (r->state == ReceiveState::Done) {
-    sendAck(r, now, 0);
+    sendAck(r, now, 1);
   } else {
     serviceSend(r->svc, now, r->refusal, sizeof r->refusal, r->peer);
   }

@@ -107,6 +107,31 @@ TEST(SimPut, StoresTheFileWithItsTimeAndRefusesTargetsItMustNotWrite) {
   EXPECT_FALSE(kt::exists(dir + "/escaped.bin"));
 }
 
+// Small uploads end however the acknowledgements fall: an empty file at a rate below 1
+// resends its only block, the metadata, at every idle tick, and only the closing form of the
+// acknowledgement that a finished upload answers with ends it.
+TEST(SimPut, SmallUploadsEndAtAnyRateAndAcknowledgementInterval) {
+  simt::Served fast("127.0.7.11", {"--ack-interval", "500"}), slow("127.0.7.12", {"--ack-interval", "1500"});
+  std::vector<std::pair<std::string, kt::Child>> puts;
+  for (simt::Served *sim : {&fast, &slow}) {
+    ASSERT_TRUE(sim->ready) << sim->err;
+    for (size_t size : {0, 100, 7 * 141}) {
+      std::string name = "f" + std::to_string(size);
+      ASSERT_TRUE(kt::writeFile(sim->dir + "/" + name, kt::patternBytes(size, 5)));
+      for (const char *rate : {"0.5", "6"}) {
+        std::vector<std::string> args = {"-h", sim->addr, "-t", "20", "-p", rate, "-o", name + "-" + rate, name};
+        puts.emplace_back(sim->root + "/" + name + "-" + rate, kt::start(sim->dir, "kestil-put", args));
+      }
+    }
+  }
+  for (auto &[stored, child] : puts) {
+    kt::Result r = kt::finish(child, 45000);
+    EXPECT_EQ(r.status, 0) << stored << ": " << r.out.substr(r.out.size() > 300 ? r.out.size() - 300 : 0);
+    EXPECT_NE(r.out.find("Done!\nElapsed time: "), std::string::npos) << stored;
+    EXPECT_TRUE(kt::exists(stored)) << stored;
+  }
+}
+
 // rm gets no answer, so each request ends with a marker file: once the marker is gone, the
 // names before it have been handled.
 TEST(SimRm, RemovesFilesAndWithRecursionDirectoriesButNothingOutsideNorTheRoot) {

@@ -103,7 +103,7 @@ TEST_F(SimServices, RepeatedRequestContinuesTheTransferAndTheClosingFormEndsIt) 
   EXPECT_TRUE(blocksAfter(50).empty());
 }
 
-TEST_F(SimServices, PutStoresTheUploadAndAnswersLateDatagramsWithCompletion) {
+TEST_F(SimServices, PutStoresTheUploadAndAnswersLateDatagramsWithTheClosingForm) {
   opts_.ackBlocks = 3;
   std::string content = kt::patternBytes(300, 8);
   deliver(request(KESTIL_PUT, "up/new.bin"));
@@ -117,8 +117,8 @@ TEST_F(SimServices, PutStoresTheUploadAndAnswersLateDatagramsWithCompletion) {
   sendUpload(content, true, {2});
   EXPECT_EQ(received(), std::vector<Bytes>{complete});
   EXPECT_EQ(kt::readFile("up/new.bin"), content);  // its time: see the put through kestil-sim
-  sendUpload(content, true, {2});                  // the client missed the completion
-  EXPECT_EQ(received(), (std::vector<Bytes>{complete, complete}));
+  sendUpload(content, true, {2});                  // the client missed the completion: the closing form answers
+  EXPECT_EQ(received(), (std::vector<Bytes>{kt::bytes({14, 0, 0, 0, 0, 0xF0}), kt::bytes({14, 0, 0, 0, 0, 0xF0})}));
   advance(1000);
   EXPECT_TRUE(received().empty());  // no periodic acknowledgements once done
 }
