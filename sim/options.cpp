@@ -36,31 +36,36 @@ bool parseFraction(const char *text, double *out) {
 // A dotted IPv4 address; host names are not looked up, the simulator binds exact addresses.
 bool parseAddr(const char *text, in_addr *out) { return text != nullptr && inet_pton(AF_INET, text, out) == 1; }
 
-bool parseEndpoint(const char *text, sockaddr_in *out) {
+// "A:B" split at its last colon; false when there is none.
+bool splitAtColon(const char *text, std::string *a, std::string *b) {
   if (text == nullptr) return false;
   std::string_view s(text);
   size_t colon = s.rfind(':');
   if (colon == std::string_view::npos) return false;
-  std::string host(s.substr(0, colon));
-  std::string port(s.substr(colon + 1));
+  *a = s.substr(0, colon);
+  *b = s.substr(colon + 1);
+  return true;
+}
+
+bool parseEndpoint(const char *text, sockaddr_in *out) {
+  std::string host, port;
   uint64_t p = 0;
   *out = sockaddr_in{};
   out->sin_family = AF_INET;
-  if (!parseAddr(host.c_str(), &out->sin_addr) || !parseUnsigned(port.c_str(), 65535, &p) || p == 0) return false;
+  if (!splitAtColon(text, &host, &port) || !parseAddr(host.c_str(), &out->sin_addr) ||
+      !parseUnsigned(port.c_str(), 65535, &p) || p == 0)
+    return false;
   out->sin_port = htons(static_cast<uint16_t>(p));
   return true;
 }
 
 bool parsePass(const char *text, uint32_t *up, uint32_t *down) {
-  if (text == nullptr) return false;
-  std::string_view s(text);
-  size_t colon = s.find(':');
-  if (colon == std::string_view::npos) return false;
-  std::string a(s.substr(0, colon));
-  std::string b(s.substr(colon + 1));
+  std::string a, b;
   uint64_t u = 0;
   uint64_t d = 0;
-  if (!parseUnsigned(a.c_str(), 86400, &u) || !parseUnsigned(b.c_str(), 86400, &d) || u == 0) return false;
+  if (!splitAtColon(text, &a, &b) || !parseUnsigned(a.c_str(), 86400, &u) || !parseUnsigned(b.c_str(), 86400, &d) ||
+      u == 0)
+    return false;
   *up = static_cast<uint32_t>(u);
   *down = static_cast<uint32_t>(d);
   return true;
