@@ -67,9 +67,6 @@ constexpr int WAIT_USEC = 500000;
 constexpr int EARLY_GIVE_UP_TICKS = 39;  // 20 s without an answer or without the metadata
 constexpr int ACK_EVERY_BLOCKS = 255;    // an acknowledgement after more than this many blocks
 constexpr long ACK_PAUSE_NSEC = 300000000;
-// The offset of block 1023, the last block the unslid window holds: early blocks 1 to 1023
-// pass the size check, block 0 (whose offset wraps) never does.
-constexpr uint32_t EARLY_BLOCKS = BLK_RX_WINDOW - 2;
 
 timeval now() {
   timeval t{};
@@ -187,8 +184,8 @@ int idleLimitTicks(long timeoutSeconds) {
 }
 
 uint32_t sizeBound(const ReceiveSession &s) {
-  // Before the metadata the size is unknown: early blocks are kept, bounded by the window.
-  return s.rxSet->lastBlk != 0 ? s.file_size : EARLY_BLOCKS * s.rxSet->block_size;
+  // Size 0 before the metadata: only block 1 (offset 0) is taken, the sender repeats the rest.
+  return s.rxSet->lastBlk != 0 ? s.file_size : 0;
 }
 
 void lockLocalFile(const ReceiveSession &s) {
