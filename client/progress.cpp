@@ -79,8 +79,7 @@ int printStateRecord(const SavedRXState *state) {
   std::printf("Remote host: %s:%d\n", inet_ntoa(host), loadBe16(state->src.port));
   std::printf("Block size: %d\n", static_cast<int>(vec->block_size));
 
-  // The bitmap index comes from a file: one outside the ring would read past it.
-  if (vec->head < 0 || vec->head > 127 || vec->blkNumBase % 8 != 0) {
+  if (!blkRxVectorIsUsable(vec)) {
     std::printf("State record is damaged: bitmap index %d, base %u\n", static_cast<int>(vec->head), vec->blkNumBase);
     return 1;
   }

@@ -80,11 +80,10 @@ StateFailure openState(const char *stateName, const void *initial, size_t record
     close(sfd);
     return StateFailure::Fatal;
   }
-  // The ring index and base come from a file: values the vector operations could not have left
-  // would send them outside the ring.
+  // A sized record with block size 0 could never take a block.
   BlkRxVector vec;
   std::memcpy(&vec, static_cast<const uint8_t *>(addr) + vectorOffset, sizeof vec);
-  if (vec.head < 0 || vec.head > 127 || vec.blkNumBase % 8 != 0 || (vec.lastBlk != 0 && vec.block_size == 0)) {
+  if (!blkRxVectorIsUsable(&vec) || (vec.lastBlk != 0 && vec.block_size == 0)) {
     std::fprintf(stderr, "State file %s is damaged: its block vector cannot be used\n", stateName);
     munmap(addr, recordSize);
     close(sfd);

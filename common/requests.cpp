@@ -53,14 +53,13 @@ int fill_vecack_packet(uint8_t *dst, int byteLimit, const BlkRxVector *vec, int 
   storeBe32(dst + 1, vec->blkNumBase);
   // The vector runs up to and including the byte that holds lastBlk's group of eight.
   const uint32_t lastGroup = vec->lastBlk & ~7u;
-  const uint32_t head = static_cast<uint32_t>(vec->head) % 128;
-  int i = 0;
-  while (i < 128 && KESTIL_VECACK_HEADER_LEN + i < byteLimit &&
-         vec->blkNumBase + 8u * static_cast<uint32_t>(i) <= lastGroup) {
-    dst[KESTIL_VECACK_HEADER_LEN + i] = vec->vector[(head + static_cast<uint32_t>(i)) % 128];
+  uint32_t i = 0;
+  while (i < RING_BYTES && KESTIL_VECACK_HEADER_LEN + static_cast<int>(i) < byteLimit &&
+         vec->blkNumBase + 8u * i <= lastGroup) {
+    dst[KESTIL_VECACK_HEADER_LEN + i] = blkRxVectorByte(vec, i);
     ++i;
   }
-  return KESTIL_VECACK_HEADER_LEN + i;
+  return KESTIL_VECACK_HEADER_LEN + static_cast<int>(i);
 }
 
 void sendVectorAck(int fd, const struct sockaddr_in *target, const BlkRxVector *vec, int abort) {
