@@ -1,5 +1,7 @@
 // The get and resume commands and the download session: one remote file into one local file,
 // continued from its state record when an earlier run left one.
+#include "client/download.hpp"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <getopt.h>
@@ -11,9 +13,8 @@
 #include <cstring>
 
 #include "client/client.hpp"
-#include "client/download.hpp"
 #include "client/receive_session.hpp"
-#include "common/packet.hpp"
+#include "common/select_call.hpp"
 #include "station/station.hpp"
 
 namespace {

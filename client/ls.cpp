@@ -1,5 +1,7 @@
 // The ls command: a remote directory listing fetched as a listing file, kept in the working
 // directory under a name from the current time, and printed.
+#include "client/ls.hpp"
+
 #include <arpa/inet.h>
 #include <getopt.h>
 #include <stdlib.h>
@@ -8,7 +10,6 @@
 #include <cstring>
 
 #include "client/client.hpp"
-#include "client/download.hpp"
 #include "client/receive_session.hpp"
 #include "listing/listing.hpp"
 #include "station/station.hpp"

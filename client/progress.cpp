@@ -1,5 +1,7 @@
 // The progress bar redrawn by every pass of the receive loops, and the progress command that
 // prints a partial download's state record with its block map.
+#include "client/progress.hpp"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -11,7 +13,6 @@
 #include <cstring>
 
 #include "client/client.hpp"
-#include "client/download.hpp"
 #include "client/state_file.hpp"
 #include "common/wire.hpp"
 

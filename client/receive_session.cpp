@@ -14,8 +14,11 @@
 #include <ctime>
 
 #include "client/client.hpp"
-#include "client/download.hpp"
-#include "common/packet.hpp"
+#include "client/progress.hpp"
+#include "common/digest.hpp"
+#include "common/requests.hpp"
+#include "common/rx_process.hpp"
+#include "common/select_call.hpp"
 #include "station/station.hpp"
 
 const ReceivePolicy DOWNLOAD_POLICY = {

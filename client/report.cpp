@@ -1,5 +1,7 @@
 // The report command: the remote download queue, optionally limited per group, fetched as a
 // listing file, kept in the working directory and printed.
+#include "client/report.hpp"
+
 #include <arpa/inet.h>
 #include <getopt.h>
 #include <stdlib.h>
@@ -9,7 +11,6 @@
 #include <cstring>
 
 #include "client/client.hpp"
-#include "client/download.hpp"
 #include "client/receive_session.hpp"
 #include "listing/listing.hpp"
 #include "station/station.hpp"

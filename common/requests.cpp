@@ -1,12 +1,13 @@
 // Vector acknowledgements built from a BlkRxVector, and the requests that open a transfer,
 // each carrying a piggy-backed acknowledgement when the vector knows the file size.
+#include "common/requests.hpp"
+
 #include <sys/socket.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
-#include "common/packet.hpp"
 #include "common/wire_codec.hpp"
 #include "station/station.hpp"
 

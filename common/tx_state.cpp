@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/packet.hpp"
+#include "common/digest.hpp"
 #include "common/wire_codec.hpp"
 #include "station/station.hpp"
 

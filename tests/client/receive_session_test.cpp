@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "client/download.hpp"
-#include "common/packet.hpp"
+#include "client/progress.hpp"
+#include "common/rx_process.hpp"
 #include "tests/support/test_support.hpp"
 
 TEST(ReceiveLimits, IdleLimitIsCappedNeverWrapped) {
