@@ -14,6 +14,7 @@
 
 #include "client/client.hpp"
 #include "client/receive_session.hpp"
+#include "common/file_handles.hpp"
 #include "common/select_call.hpp"
 #include "station/station.hpp"
 
@@ -163,18 +164,18 @@ int resume_cmd(int argc, char **argv) {
   char stateName[STATE_NAME_MAX];
   stateNameOrExit(partial, stateName);
 
-  int sfd = open(stateName, O_RDONLY);
-  if (sfd < 0) {
+  UniqueFd sfd(open(stateName, O_RDONLY));
+  if (!sfd.valid()) {
     std::perror("No partial download state found");
     std::exit(1);
   }
   static SavedRXState tmpVec;
   errno = 0;
-  if (read(sfd, &tmpVec, sizeof tmpVec) != static_cast<ssize_t>(sizeof tmpVec)) {
+  if (read(sfd.get(), &tmpVec, sizeof tmpVec) != static_cast<ssize_t>(sizeof tmpVec)) {
     std::perror("Bad resume state read");
     std::exit(1);
   }
-  close(sfd);
+  sfd.reset();
   tmpVec.filename[STATE_REMOTE_NAME_MAX] = '\0';  // the name comes from a file
 
   sockaddr_in target;
