@@ -14,6 +14,7 @@
 
 #include "client/client.hpp"
 #include "client/receive_session.hpp"
+#include "client/session_time.hpp"
 #include "common/file_handles.hpp"
 #include "common/select_call.hpp"
 #include "station/station.hpp"

@@ -48,9 +48,6 @@ PutStep putOnDatagram(PutSession *s, const uint8_t *buf, int len, const sockaddr
 PutStep putOnIdleTick(PutSession *s);
 // Spends whole units of credit on data datagrams; returns how many were sent.
 int putBurst(PutSession *s);
-// The statistics line without its line end: elapsed time and, for a non-empty file and a
-// positive time, the average byte rate. Returns what snprintf returns.
-int putFormatStatistics(char *buf, size_t size, timeval elapsed, uint32_t fileSize);
 
 void filePut(int fd, struct sockaddr_in *target, socklen_t *targetLen, const char *local_filename,
              const char *remote_filename, int timeout_limit_secs, int longName, float pkts_per_sec);

@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +14,7 @@
 
 #include "client/client.hpp"
 #include "client/progress.hpp"
+#include "client/session_time.hpp"
 #include "common/digest.hpp"
 #include "common/requests.hpp"
 #include "common/rx_process.hpp"
@@ -66,7 +66,6 @@ const ReceivePolicy REPORT_POLICY = {
 
 namespace {
 
-constexpr int WAIT_USEC = 500000;
 constexpr int EARLY_GIVE_UP_TICKS = 39;  // 20 s without an answer or without the metadata
 constexpr int ACK_EVERY_BLOCKS = 255;    // an acknowledgement after more than this many blocks
 constexpr long ACK_PAUSE_NSEC = 300000000;
@@ -75,16 +74,6 @@ timeval now() {
   timeval t{};
   gettimeofday(&t, nullptr);
   return t;
-}
-
-// Whole seconds and microseconds from `from` to `to`, borrowing a second for the microseconds.
-timeval since(const timeval &from, const timeval &to) {
-  timeval d{to.tv_sec - from.tv_sec, to.tv_usec - from.tv_usec};
-  if (d.tv_usec < 0) {
-    d.tv_sec -= 1;
-    d.tv_usec += 1000000;
-  }
-  return d;
 }
 
 void pause300ms() {
@@ -134,7 +123,7 @@ bool idleTick(ReceiveSession &s) {
 void periodicAck(ReceiveSession &s) {
   if (s.policy->ackOnlyAfterData && !s.receivedData) return;
   timeval t = now();
-  if (since(s.lastAckTime, t).tv_sec > s.policy->ackAfterSeconds || s.dataSinceLastAck > ACK_EVERY_BLOCKS) {
+  if (timeBetween(s.lastAckTime, t).tv_sec > s.policy->ackAfterSeconds || s.dataSinceLastAck > ACK_EVERY_BLOCKS) {
     sendVectorAck(s.fd, s.target, s.rxSet, 0);
     s.dataSinceLastAck = 0;
     s.lastAckTime = t;
@@ -170,20 +159,6 @@ ReceiveSession newSession(const ReceivePolicy &policy, int fd, const struct sock
   s.localName = localName;
   s.request = request;
   return s;
-}
-
-int clampSeconds(long seconds) {
-  if (seconds > INT_MAX) return INT_MAX;
-  if (seconds < INT_MIN) return INT_MIN;
-  return static_cast<int>(seconds);
-}
-
-int idleLimitTicks(long timeoutSeconds) {
-  long long ticks = 2LL * timeoutSeconds;
-  // A limit too large for an int is capped, never wrapped into one that ends at the first tick.
-  if (ticks > INT_MAX) return INT_MAX;
-  if (ticks < INT_MIN) return INT_MIN;
-  return static_cast<int>(ticks);
 }
 
 uint32_t sizeBound(const ReceiveSession &s) {
@@ -241,7 +216,7 @@ void receiveLoop(ReceiveSession &s) {
     releaseLocalFile(s);
     if (p.stopLength && s.lenLimit != 0 && s.rxSet->block_size * s.rxSet->uniqueBlkCnt >= s.lenLimit) return;
 
-    int ready = select_call(s.fd, 0, WAIT_USEC);
+    int ready = select_call(s.fd, 0, IDLE_TICK_USEC);
     lockLocalFile(s);
 
     if (ready == 1) {
@@ -283,7 +258,7 @@ void finishTransfer(ReceiveSession &s) {
     if (s.policy->printClientDone) std::puts("client done");
   }
 
-  timeval elapsed = since(s.startTime, now());
+  timeval elapsed = timeBetween(s.startTime, now());
   closeState(&s.state);
   s.rxSet = nullptr;
 
@@ -299,12 +274,7 @@ void finishTransfer(ReceiveSession &s) {
     remove(s.stateName);
   }
 
-  std::printf("Elapsed time: %02ld:%02ld:%02ld.%06ld", static_cast<long>(elapsed.tv_sec / 3600),
-              static_cast<long>((elapsed.tv_sec % 3600) / 60), static_cast<long>(elapsed.tv_sec % 60),
-              static_cast<long>(elapsed.tv_usec));
-  double seconds = static_cast<double>(elapsed.tv_sec) + static_cast<double>(elapsed.tv_usec) / 1000000.0;
-  if (s.file_size != 0 && seconds > 0) std::printf("      Avg Bps: %.2f", s.file_size / seconds);
-  std::printf("\n");
+  printStatistics(elapsed, s.file_size);
 }
 
 char *timeStampedName(const char *prefix) {

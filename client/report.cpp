@@ -12,6 +12,7 @@
 
 #include "client/client.hpp"
 #include "client/receive_session.hpp"
+#include "client/session_time.hpp"
 #include "listing/listing.hpp"
 #include "station/station.hpp"
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "client/progress.hpp"
+#include "client/session_time.hpp"
 #include "common/rx_process.hpp"
 #include "tests/support/test_support.hpp"
 
