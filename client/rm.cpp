@@ -1,17 +1,14 @@
 // The rm command: one fire-and-forget remove request that carries every name that fits.
-#include <arpa/inet.h>
-#include <sys/socket.h>
+#include "client/rm.hpp"
+
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "client/client.hpp"
-#include "client/rm.hpp"
+#include "common/requests.hpp"
 #include "common/wire_codec.hpp"
-#include "station/station.hpp"
 
 namespace {
 
@@ -52,15 +49,7 @@ void rmFiles(int fd, struct sockaddr_in *target, socklen_t *, char **paths, int 
     return;
   }
 
-  const size_t len = w.done();
-  ssize_t sent = sendto(fd, buf, len, 0, reinterpret_cast<const sockaddr *>(target), sizeof(sockaddr_in));
-  int sendErrno = errno;
-  std::printf("Sent %d byte rm!\n", static_cast<int>(sent));
-  if (sent != static_cast<ssize_t>(len)) {
-    std::fflush(stdout);
-    errno = sendErrno;
-    std::perror("Send");
-  }
+  sendReported(fd, target, buf, w.done(), "rm");
 }
 
 int rm_cmd(int argc, char **argv) {

@@ -3,12 +3,18 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 
 #include "common/blk_rx_vector.hpp"
 #include "common/wire.hpp"
 
+// Sends `len` bytes to `target` as one datagram. With `what`, "Sent %d byte <what>!" reports the
+// count sent (-1 on failure); a failed or short send is reported as "Send" with the system
+// error. Returns what sendto returned.
+ssize_t sendReported(int fd, const struct sockaddr_in *target, const uint8_t *buf, size_t len, const char *what);
 // Writes a vector acknowledgement (code 14 when abort, else 9) of at most byteLimit bytes.
 int fill_vecack_packet(uint8_t *dst, int byteLimit, const BlkRxVector *vec, int abort);
 void sendVectorAck(int fd, const struct sockaddr_in *target, const BlkRxVector *vec, int abort);
