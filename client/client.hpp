@@ -46,6 +46,3 @@ const char *baseName(const char *path);
 // Opens the transfer socket `fd` and aims `target` at `port` of `host`. With a null host the
 // caller fills in the address. A host that does not resolve ends the process (status 1).
 void openTransferSocket(const char *host, uint16_t port, sockaddr_in *target);
-
-// Handler body of a command that this build does not offer yet.
-int notAvailableYet(const char *command);
