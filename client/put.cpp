@@ -182,6 +182,27 @@ PutStep putOnIdleTick(PutSession *s) {
   return PutStep::Continue;
 }
 
+namespace {
+
+// The receive loop: wait, read, dispatch; silence is an idle tick. Runs until a step ends the
+// session or an interrupt arrives.
+PutStep putReceiveLoop(PutSession *s) {
+  PutStep step = PutStep::Continue;
+  while (step == PutStep::Continue && !rx_sigint) {
+    if (select_call(s->sock, 0, IDLE_TICK_USEC) != 1) {
+      step = putOnIdleTick(s);
+      continue;
+    }
+    uint8_t buf[KESTIL_MAX_DATAGRAM];
+    sockaddr_in from = s->recvFrom;
+    int n = socket_read(s->sock, buf, sizeof buf, &from);
+    step = putOnDatagram(s, buf, n < 0 ? 0 : n, from, nowTv());
+  }
+  return step;
+}
+
+}  // namespace
+
 void filePut(int fd, struct sockaddr_in *target, socklen_t *, const char *local_filename, const char *remote_filename,
              int timeout_limit_secs, int longName, float pkts_per_sec) {
   outputFd = open(local_filename, O_RDWR, 0644);
@@ -214,19 +235,7 @@ void filePut(int fd, struct sockaddr_in *target, socklen_t *, const char *local_
   s.lastPktTime = startTime;
   putSendRequest(&s);
 
-  // The receive loop: wait, read, dispatch; silence is an idle tick.
-  PutStep step = PutStep::Continue;
-  while (step == PutStep::Continue && !rx_sigint) {
-    if (select_call(fd, 0, IDLE_TICK_USEC) != 1) {
-      step = putOnIdleTick(&s);
-      continue;
-    }
-    uint8_t buf[KESTIL_MAX_DATAGRAM];
-    sockaddr_in from = s.recvFrom;
-    int n = socket_read(fd, buf, sizeof buf, &from);
-    step = putOnDatagram(&s, buf, n < 0 ? 0 : n, from, nowTv());
-  }
-  if (step == PutStep::Refused) {
+  if (putReceiveLoop(&s) == PutStep::Refused) {
     tx.reset();
     cleanup();
     std::exit(1);
