@@ -38,6 +38,10 @@ int qadd_cmd(int argc, char **argv);
 int qrm_cmd(int argc, char **argv);
 int filemgr_status_cmd(int argc, char **argv);
 
+// The remote host and the idle limit of every command that does not name them.
+constexpr const char *DEFAULT_HOST = "127.0.0.1";
+constexpr int DEFAULT_TIMEOUT_SECONDS = 1000;
+
 // Helpers the command handlers share.
 // Prints a command's synopsis line; the handler returns what this returns (0).
 int printSynopsis(const char *synopsis);

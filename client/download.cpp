@@ -31,7 +31,7 @@ const char RESUME_USAGE[] = "resume [-z] [-l <size limit>] [-L] <partial file>";
 struct DownloadOptions {
   int zeroPad = 0;
   uint32_t lenLimit = 0;
-  long timeoutSec = 1000;
+  long timeoutSec = DEFAULT_TIMEOUT_SECONDS;
   uint8_t flags = 0;
 };
 
@@ -128,7 +128,7 @@ void fileGet(int fd, const struct sockaddr_in *target, int, const char *local_fi
 }
 
 int get_cmd(int argc, char **argv) {
-  const char *host = "127.0.0.1";
+  const char *host = DEFAULT_HOST;
   const char *localName = nullptr;
   DownloadOptions o;
 

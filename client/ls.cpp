@@ -56,9 +56,9 @@ int lsDir(int fd, const struct sockaddr_in *target, int, const char *path, const
 }
 
 int ls_cmd(int argc, char **argv) {
-  const char *host = "127.0.0.1";
+  const char *host = DEFAULT_HOST;
   const char *options = nullptr;
-  long timeoutSec = 1000;
+  long timeoutSec = DEFAULT_TIMEOUT_SECONDS;
 
   optind = 0;
   int c;

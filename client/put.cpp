@@ -253,9 +253,9 @@ void filePut(int fd, struct sockaddr_in *target, socklen_t *, const char *local_
 }
 
 int put_cmd(int argc, char **argv) {
-  const char *host = "127.0.0.1";
+  const char *host = DEFAULT_HOST;
   const char *remoteName = nullptr;
-  int timeoutSecs = 1000;
+  int timeoutSecs = DEFAULT_TIMEOUT_SECONDS;
   float rate = PUT_DEFAULT_RATE;
   uint16_t port = KESTIL_PORT;
   int longName = 0;

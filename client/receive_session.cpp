@@ -35,34 +35,24 @@ const ReceivePolicy DOWNLOAD_POLICY = {
     .printClientDone = true,
     .removeLocalOnTimeout = false,
 };
-const ReceivePolicy LISTING_POLICY = {
-    .lockDataFile = false,
-    .stopLength = false,
-    .errorReports = false,
-    .failedWaitIsIdle = true,
-    .repeatUntilDataAndMeta = false,
-    .requestRepeatTicks = 4,
-    .ackOnlyAfterData = false,
-    .ackAfterSeconds = 0,
-    .interruptEnds = false,
-    .confirmations = 1,
-    .printClientDone = false,
-    .removeLocalOnTimeout = true,
-};
-const ReceivePolicy REPORT_POLICY = {
-    .lockDataFile = false,
-    .stopLength = false,
-    .errorReports = false,
-    .failedWaitIsIdle = true,
-    .repeatUntilDataAndMeta = false,
-    .requestRepeatTicks = 4,
-    .ackOnlyAfterData = false,
-    .ackAfterSeconds = 0,
-    .interruptEnds = false,
-    .confirmations = 7,
-    .printClientDone = false,
-    .removeLocalOnTimeout = true,
-};
+namespace {
+
+// The listing and report fetches: none of the download's own rules (lock, stop length, error
+// reports, interrupt), and they differ only in how many acknowledgements confirm a complete
+// transfer.
+constexpr ReceivePolicy fetchPolicy(int confirmations) {
+  ReceivePolicy p{};
+  p.failedWaitIsIdle = true;
+  p.requestRepeatTicks = 4;
+  p.confirmations = confirmations;
+  p.removeLocalOnTimeout = true;
+  return p;
+}
+
+}  // namespace
+
+const ReceivePolicy LISTING_POLICY = fetchPolicy(1);
+const ReceivePolicy REPORT_POLICY = fetchPolicy(7);
 
 namespace {
 

@@ -72,8 +72,8 @@ void qRep(int fd, const struct sockaddr_in *target, char **q_args, int argc, uin
 }
 
 int report_cmd(int argc, char **argv) {
-  const char *host = "127.0.0.1";
-  long timeoutSec = 1000;
+  const char *host = DEFAULT_HOST;
+  long timeoutSec = DEFAULT_TIMEOUT_SECONDS;
   uint8_t flags = 0;
 
   optind = 0;

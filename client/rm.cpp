@@ -53,7 +53,7 @@ void rmFiles(int fd, struct sockaddr_in *target, socklen_t *, char **paths, int 
 }
 
 int rm_cmd(int argc, char **argv) {
-  const char *host = "127.0.0.1";
+  const char *host = DEFAULT_HOST;
   int longName = 0;
   int recursive = 0;
   int force = 0;
