@@ -156,7 +156,7 @@ PutStep putOnIdleTick(PutSession *s) {
     return PutStep::GaveUp;
   }
   if (!s->accept) {
-    if (s->timeout >= PUT_REQUEST_GIVE_UP_TICKS) {
+    if (s->timeout >= EARLY_GIVE_UP_TICKS) {
       s->success = false;
       return PutStep::GaveUp;
     }

@@ -12,10 +12,9 @@
 
 #include "common/tx_state.hpp"
 
-constexpr float PUT_DEFAULT_RATE = 6.0f;       // datagrams per second without -p
-constexpr float PUT_FALLBACK_RATE = 5.0f;      // used when -p is 0 or below
-constexpr int PUT_REQUEST_GIVE_UP_TICKS = 40;  // 20 s of silence before the first answer
-constexpr int PUT_REQUEST_REPEAT_TICKS = 4;    // the request is repeated every 2 s of silence
+constexpr float PUT_DEFAULT_RATE = 6.0f;     // datagrams per second without -p
+constexpr float PUT_FALLBACK_RATE = 5.0f;    // used when -p is 0 or below
+constexpr int PUT_REQUEST_REPEAT_TICKS = 4;  // the request is repeated every 2 s of silence
 
 // What one upload holds between passes of its receive loop.
 struct PutSession {

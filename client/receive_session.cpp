@@ -56,8 +56,7 @@ const ReceivePolicy REPORT_POLICY = fetchPolicy(7);
 
 namespace {
 
-constexpr int EARLY_GIVE_UP_TICKS = 39;  // 20 s without an answer or without the metadata
-constexpr int ACK_EVERY_BLOCKS = 255;    // an acknowledgement after more than this many blocks
+constexpr int ACK_EVERY_BLOCKS = 255;  // an acknowledgement after more than this many blocks
 constexpr long ACK_PAUSE_NSEC = 300000000;
 
 timeval now() {
@@ -102,7 +101,7 @@ bool idleTick(ReceiveSession &s) {
   bool haveMeta = blkIsInVector(s.rxSet, 0) != 0;
   bool waiting = s.policy->repeatUntilDataAndMeta ? !(s.receivedData && haveMeta) : !haveMeta;
   if (!waiting) return false;
-  if (s.timeout > EARLY_GIVE_UP_TICKS) {
+  if (s.timeout >= EARLY_GIVE_UP_TICKS) {
     s.success = false;
     return true;
   }

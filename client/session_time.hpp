@@ -9,6 +9,8 @@
 
 // One wait for a datagram; a wait that ends without one is an idle tick.
 constexpr int IDLE_TICK_USEC = 500000;
+// 20 s of silence before the first answer (or, for a download, the metadata) end a session.
+constexpr int EARLY_GIVE_UP_TICKS = 40;
 
 // An option's seconds as the int the sessions take; capped rather than wrapped.
 int clampSeconds(long seconds);
