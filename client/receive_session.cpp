@@ -35,6 +35,7 @@ const ReceivePolicy DOWNLOAD_POLICY = {
     .printClientDone = true,
     .removeLocalOnTimeout = false,
 };
+
 namespace {
 
 // The listing and report fetches: none of the download's own rules (lock, stop length, error
@@ -48,13 +49,6 @@ constexpr ReceivePolicy fetchPolicy(int confirmations) {
   p.removeLocalOnTimeout = true;
   return p;
 }
-
-}  // namespace
-
-const ReceivePolicy LISTING_POLICY = fetchPolicy(1);
-const ReceivePolicy REPORT_POLICY = fetchPolicy(7);
-
-namespace {
 
 constexpr int ACK_EVERY_BLOCKS = 255;  // an acknowledgement after more than this many blocks
 constexpr long ACK_PAUSE_NSEC = 300000000;
@@ -120,6 +114,9 @@ void periodicAck(ReceiveSession &s) {
 }
 
 }  // namespace
+
+const ReceivePolicy LISTING_POLICY = fetchPolicy(1);
+const ReceivePolicy REPORT_POLICY = fetchPolicy(7);
 
 void dispatchDatagram(ReceiveSession &s, const uint8_t *pkt, int nread, const sockaddr_in &from) {
   if (s.policy->errorReports && nread >= 1 && pkt[0] == KESTIL_ERROR) {

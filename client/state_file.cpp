@@ -83,9 +83,9 @@ StateFailure openState(const char *stateName, const void *initial, size_t record
     std::perror("mmap 1");
     return StateFailure::Fatal;
   }
-  // A sized record with block size 0 could never take a block.
   BlkRxVector vec;
   std::memcpy(&vec, static_cast<const uint8_t *>(map.addr) + vectorOffset, sizeof vec);
+  // A sized record with block size 0 could never take a block.
   if (!blkRxVectorIsUsable(&vec) || (vec.lastBlk != 0 && vec.block_size == 0)) {
     std::fprintf(stderr, "State file %s is damaged: its block vector cannot be used\n", stateName);
     return StateFailure::Fatal;
@@ -96,6 +96,7 @@ StateFailure openState(const char *stateName, const void *initial, size_t record
 }
 
 }  // namespace
+
 StateFailure openDownloadState(const char *stateName, const char *remoteName, const struct sockaddr_in *src,
                                StateMapping *out) {
   SavedRXState initial;
