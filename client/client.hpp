@@ -38,6 +38,10 @@ int qadd_cmd(int argc, char **argv);
 int qrm_cmd(int argc, char **argv);
 int filemgr_status_cmd(int argc, char **argv);
 
+// The remote host and the idle limit of every command that does not name them.
+constexpr const char *DEFAULT_HOST = "127.0.0.1";
+constexpr int DEFAULT_TIMEOUT_SECONDS = 1000;
+
 // Helpers the command handlers share.
 // Prints a command's synopsis line; the handler returns what this returns (0).
 int printSynopsis(const char *synopsis);
@@ -46,6 +50,3 @@ const char *baseName(const char *path);
 // Opens the transfer socket `fd` and aims `target` at `port` of `host`. With a null host the
 // caller fills in the address. A host that does not resolve ends the process (status 1).
 void openTransferSocket(const char *host, uint16_t port, sockaddr_in *target);
-
-// Handler body of a command that this build does not offer yet.
-int notAvailableYet(const char *command);

@@ -1,5 +1,7 @@
 // The get and resume commands and the download session: one remote file into one local file,
 // continued from its state record when an earlier run left one.
+#include "client/download.hpp"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <getopt.h>
@@ -11,9 +13,10 @@
 #include <cstring>
 
 #include "client/client.hpp"
-#include "client/download.hpp"
 #include "client/receive_session.hpp"
-#include "common/packet.hpp"
+#include "client/session_time.hpp"
+#include "common/file_handles.hpp"
+#include "common/select_call.hpp"
 #include "station/station.hpp"
 
 namespace {
@@ -28,7 +31,7 @@ const char RESUME_USAGE[] = "resume [-z] [-l <size limit>] [-L] <partial file>";
 struct DownloadOptions {
   int zeroPad = 0;
   uint32_t lenLimit = 0;
-  long timeoutSec = 1000;
+  long timeoutSec = DEFAULT_TIMEOUT_SECONDS;
   uint8_t flags = 0;
 };
 
@@ -125,7 +128,7 @@ void fileGet(int fd, const struct sockaddr_in *target, int, const char *local_fi
 }
 
 int get_cmd(int argc, char **argv) {
-  const char *host = "127.0.0.1";
+  const char *host = DEFAULT_HOST;
   const char *localName = nullptr;
   DownloadOptions o;
 
@@ -162,18 +165,18 @@ int resume_cmd(int argc, char **argv) {
   char stateName[STATE_NAME_MAX];
   stateNameOrExit(partial, stateName);
 
-  int sfd = open(stateName, O_RDONLY);
-  if (sfd < 0) {
+  UniqueFd sfd(open(stateName, O_RDONLY));
+  if (!sfd.valid()) {
     std::perror("No partial download state found");
     std::exit(1);
   }
   static SavedRXState tmpVec;
   errno = 0;
-  if (read(sfd, &tmpVec, sizeof tmpVec) != static_cast<ssize_t>(sizeof tmpVec)) {
+  if (read(sfd.get(), &tmpVec, sizeof tmpVec) != static_cast<ssize_t>(sizeof tmpVec)) {
     std::perror("Bad resume state read");
     std::exit(1);
   }
-  close(sfd);
+  sfd.reset();
   tmpVec.filename[STATE_REMOTE_NAME_MAX] = '\0';  // the name comes from a file
 
   sockaddr_in target;

@@ -30,7 +30,7 @@ void printWrongCode(uint8_t got, uint8_t expected) {
 int queueOperation(int argc, char **argv, uint8_t cmd, uint8_t expectedResp, const char *optstring) {
   uint8_t req[QOP_MAX_LEN + 1] = {};
   req[0] = cmd;
-  const char *host = "127.0.0.1";
+  const char *host = DEFAULT_HOST;
 
   optind = 0;
   int c;

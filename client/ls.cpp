@@ -1,5 +1,7 @@
 // The ls command: a remote directory listing fetched as a listing file, kept in the working
 // directory under a name from the current time, and printed.
+#include "client/ls.hpp"
+
 #include <arpa/inet.h>
 #include <getopt.h>
 #include <stdlib.h>
@@ -8,8 +10,8 @@
 #include <cstring>
 
 #include "client/client.hpp"
-#include "client/download.hpp"
 #include "client/receive_session.hpp"
+#include "client/session_time.hpp"
 #include "listing/listing.hpp"
 #include "station/station.hpp"
 
@@ -54,9 +56,9 @@ int lsDir(int fd, const struct sockaddr_in *target, int, const char *path, const
 }
 
 int ls_cmd(int argc, char **argv) {
-  const char *host = "127.0.0.1";
+  const char *host = DEFAULT_HOST;
   const char *options = nullptr;
-  long timeoutSec = 1000;
+  long timeoutSec = DEFAULT_TIMEOUT_SECONDS;
 
   optind = 0;
   int c;

@@ -75,11 +75,6 @@ void openTransferSocket(const char *host, uint16_t port, sockaddr_in *target) {
   }
 }
 
-int notAvailableYet(const char *command) {
-  std::fprintf(stderr, "kestil: the %s command is not available yet\n", command);
-  return 1;
-}
-
 int kestil_main(int argc, char **argv) {
   DBG_init(argv[0]);
   DBG_setLevel(7);

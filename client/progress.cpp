@@ -1,8 +1,9 @@
 // The progress bar redrawn by every pass of the receive loops, and the progress command that
 // prints a partial download's state record with its block map.
+#include "client/progress.hpp"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,8 +12,8 @@
 #include <cstring>
 
 #include "client/client.hpp"
-#include "client/download.hpp"
 #include "client/state_file.hpp"
+#include "common/file_handles.hpp"
 #include "common/wire.hpp"
 
 namespace {
@@ -79,8 +80,7 @@ int printStateRecord(const SavedRXState *state) {
   std::printf("Remote host: %s:%d\n", inet_ntoa(host), loadBe16(state->src.port));
   std::printf("Block size: %d\n", static_cast<int>(vec->block_size));
 
-  // The bitmap index comes from a file: one outside the ring would read past it.
-  if (vec->head < 0 || vec->head > 127 || vec->blkNumBase % 8 != 0) {
+  if (!blkRxVectorIsUsable(vec)) {
     std::printf("State record is damaged: bitmap index %d, base %u\n", static_cast<int>(vec->head), vec->blkNumBase);
     return 1;
   }
@@ -97,54 +97,66 @@ int printStateRecord(const SavedRXState *state) {
   return 0;
 }
 
-void printDownloadProgress(const char *local_filename) {
-  if (local_filename == nullptr || local_filename[0] == '\0') {
-    std::puts("Missing file name");
-    std::exit(1);
-  }
-  char stateName[STATE_NAME_MAX];
-  if (isStateFileName(local_filename)) {
-    if (std::strlen(local_filename) >= STATE_NAME_MAX) {
-      std::printf("State file name too long: %s\n", local_filename);
+namespace {
+
+// The state file's name for the progress command's argument; ends the command when none fits.
+void stateNameFor(const char *arg, char (&stateName)[STATE_NAME_MAX]) {
+  if (isStateFileName(arg)) {
+    if (std::strlen(arg) >= STATE_NAME_MAX) {
+      std::printf("State file name too long: %s\n", arg);
       std::exit(1);
     }
-    std::strcpy(stateName, local_filename);
-  } else if (!downloadStateName(local_filename, stateName)) {
-    std::printf("Local file name too long (more than %zu characters): %s\n", LOCAL_NAME_MAX, local_filename);
+    std::strcpy(stateName, arg);
+  } else if (!downloadStateName(arg, stateName)) {
+    std::printf("Local file name too long (more than %zu characters): %s\n", LOCAL_NAME_MAX, arg);
     std::exit(1);
   }
-  std::printf("State file is %s\n", stateName);
+}
 
+// Only a file of exactly one record is shown; anything else ends the command.
+void requireOneRecord(const struct stat &st) {
+  if (holdsOneRecord(st, sizeof(SavedRXState))) return;
+  std::printf("State size mismatch!  Expected %lu found %lu\n", static_cast<unsigned long>(sizeof(SavedRXState)),
+              static_cast<unsigned long>(st.st_size));
+  std::exit(1);
+}
+
+// Maps the state file read-only and prints its record; the result of printStateRecord.
+int showStateFile(const char *stateName) {
   struct stat st {};
   if (stat(stateName, &st) != 0) {
     std::perror("state file doesn't exist");
     std::printf("File name: %s\n", stateName);
     std::exit(1);
   }
-  if (st.st_size != static_cast<off_t>(sizeof(SavedRXState))) {
-    std::printf("State size mismatch!  Expected %lu found %lu\n", static_cast<unsigned long>(sizeof(SavedRXState)),
-                static_cast<unsigned long>(st.st_size));
-    std::exit(1);
-  }
-  int sfd = open(stateName, O_RDONLY);
-  if (sfd < 0) {
+  requireOneRecord(st);
+  UniqueFd sfd(open(stateName, O_RDONLY));
+  if (!sfd.valid()) {
     std::perror("resume fd");
     std::exit(1);
   }
   // The file may have changed since its status was taken: map it only while it is whole.
-  if (fstat(sfd, &st) != 0 || st.st_size != static_cast<off_t>(sizeof(SavedRXState))) {
-    std::printf("State size mismatch!  Expected %lu found %lu\n", static_cast<unsigned long>(sizeof(SavedRXState)),
-                static_cast<unsigned long>(st.st_size));
-    std::exit(1);
-  }
-  void *addr = mmap(nullptr, sizeof(SavedRXState), PROT_READ, MAP_SHARED, sfd, 0);
-  if (addr == MAP_FAILED) {
+  if (fstat(sfd.get(), &st) != 0) st.st_size = -1;
+  requireOneRecord(st);
+  Mapping map = Mapping::shared(sfd.get(), sizeof(SavedRXState), PROT_READ);
+  if (map.addr == nullptr) {
     std::perror("mmap 1");
     std::exit(1);
   }
-  int status = printStateRecord(static_cast<const SavedRXState *>(addr));
-  munmap(addr, sizeof(SavedRXState));
-  close(sfd);
+  return printStateRecord(static_cast<const SavedRXState *>(map.addr));
+}
+
+}  // namespace
+
+void printDownloadProgress(const char *local_filename) {
+  if (local_filename == nullptr || local_filename[0] == '\0') {
+    std::puts("Missing file name");
+    std::exit(1);
+  }
+  char stateName[STATE_NAME_MAX];
+  stateNameFor(local_filename, stateName);
+  std::printf("State file is %s\n", stateName);
+  int status = showStateFile(stateName);
   if (status != 0) std::exit(status);
 }
 

@@ -10,13 +10,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "client/client.hpp"
+#include "client/session_time.hpp"
 #include "common/common.hpp"
 #include "station/station.hpp"
 
@@ -79,9 +79,7 @@ void putInitSession(PutSession *s, KESTIL_TXState *tx, int sock, const sockaddr_
   s->requestFlags = longName ? KESTIL_FLAG_LONG_NAME : 0;
   s->pkts_per_sec = rate > 0.0f ? rate : PUT_FALLBACK_RATE;
   s->pkt_limit = s->pkts_per_sec;
-  // Twice the limit in seconds, held within an int so a huge -t cannot overflow the count.
-  long long ticks = 2LL * timeoutLimitSecs;
-  s->silenceLimit = ticks > INT_MAX ? INT_MAX : static_cast<int>(ticks);
+  s->silenceLimit = idleLimitTicks(timeoutLimitSecs);
   s->success = true;
 }
 
@@ -158,7 +156,7 @@ PutStep putOnIdleTick(PutSession *s) {
     return PutStep::GaveUp;
   }
   if (!s->accept) {
-    if (s->timeout >= PUT_REQUEST_GIVE_UP_TICKS) {
+    if (s->timeout >= EARLY_GIVE_UP_TICKS) {
       s->success = false;
       return PutStep::GaveUp;
     }
@@ -184,17 +182,26 @@ PutStep putOnIdleTick(PutSession *s) {
   return PutStep::Continue;
 }
 
-int putFormatStatistics(char *buf, size_t size, timeval elapsed, uint32_t fileSize) {
-  long secs = static_cast<long>(elapsed.tv_sec);
-  long usecs = static_cast<long>(elapsed.tv_usec);
-  int n =
-      std::snprintf(buf, size, "Elapsed time: %02ld:%02ld:%02ld.%06ld", secs / 3600, secs / 60 % 60, secs % 60, usecs);
-  double seconds = static_cast<double>(secs) + static_cast<double>(usecs) / 1000000.0;
-  if (n >= 0 && static_cast<size_t>(n) < size && fileSize != 0 && seconds > 0.0)
-    n += std::snprintf(buf + n, size - static_cast<size_t>(n), "      Avg Bps: %.2f",
-                       static_cast<double>(fileSize) / seconds);
-  return n;
+namespace {
+
+// The receive loop: wait, read, dispatch; silence is an idle tick. Runs until a step ends the
+// session or an interrupt arrives.
+PutStep putReceiveLoop(PutSession *s) {
+  PutStep step = PutStep::Continue;
+  while (step == PutStep::Continue && !rx_sigint) {
+    if (select_call(s->sock, 0, IDLE_TICK_USEC) != 1) {
+      step = putOnIdleTick(s);
+      continue;
+    }
+    uint8_t buf[KESTIL_MAX_DATAGRAM];
+    sockaddr_in from = s->recvFrom;
+    int n = socket_read(s->sock, buf, sizeof buf, &from);
+    step = putOnDatagram(s, buf, n < 0 ? 0 : n, from, nowTv());
+  }
+  return step;
 }
+
+}  // namespace
 
 void filePut(int fd, struct sockaddr_in *target, socklen_t *, const char *local_filename, const char *remote_filename,
              int timeout_limit_secs, int longName, float pkts_per_sec) {
@@ -228,19 +235,7 @@ void filePut(int fd, struct sockaddr_in *target, socklen_t *, const char *local_
   s.lastPktTime = startTime;
   putSendRequest(&s);
 
-  // The receive loop: wait, read, dispatch; silence is an idle tick.
-  PutStep step = PutStep::Continue;
-  while (step == PutStep::Continue && !rx_sigint) {
-    if (select_call(fd, 0, 500000) != 1) {
-      step = putOnIdleTick(&s);
-      continue;
-    }
-    uint8_t buf[KESTIL_MAX_DATAGRAM];
-    sockaddr_in from = s.recvFrom;
-    int n = socket_read(fd, buf, sizeof buf, &from);
-    step = putOnDatagram(&s, buf, n < 0 ? 0 : n, from, nowTv());
-  }
-  if (step == PutStep::Refused) {
+  if (putReceiveLoop(&s) == PutStep::Refused) {
     tx.reset();
     cleanup();
     std::exit(1);
@@ -248,16 +243,9 @@ void filePut(int fd, struct sockaddr_in *target, socklen_t *, const char *local_
 
   close(outputFd);
   outputFd = -1;
-  timeval end = nowTv();
-  timeval elapsed{end.tv_sec - startTime.tv_sec, end.tv_usec - startTime.tv_usec};
-  if (elapsed.tv_usec < 0) {
-    elapsed.tv_usec += 1000000;
-    --elapsed.tv_sec;
-  }
+  const timeval elapsed = timeBetween(startTime, nowTv());
   if (!s.success) std::printf("Put file %s timed out.\n", local_filename);
-  char line[160];
-  putFormatStatistics(line, sizeof line, elapsed, tx->size);
-  std::printf("%s\n", line);
+  printStatistics(elapsed, tx->size);
   if (!s.success) {
     tx.reset();
     std::exit(1);
@@ -265,9 +253,9 @@ void filePut(int fd, struct sockaddr_in *target, socklen_t *, const char *local_
 }
 
 int put_cmd(int argc, char **argv) {
-  const char *host = "127.0.0.1";
+  const char *host = DEFAULT_HOST;
   const char *remoteName = nullptr;
-  int timeoutSecs = 1000;
+  int timeoutSecs = DEFAULT_TIMEOUT_SECONDS;
   float rate = PUT_DEFAULT_RATE;
   uint16_t port = KESTIL_PORT;
   int longName = 0;

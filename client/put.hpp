@@ -12,10 +12,9 @@
 
 #include "common/tx_state.hpp"
 
-constexpr float PUT_DEFAULT_RATE = 6.0f;       // datagrams per second without -p
-constexpr float PUT_FALLBACK_RATE = 5.0f;      // used when -p is 0 or below
-constexpr int PUT_REQUEST_GIVE_UP_TICKS = 40;  // 20 s of silence before the first answer
-constexpr int PUT_REQUEST_REPEAT_TICKS = 4;    // the request is repeated every 2 s of silence
+constexpr float PUT_DEFAULT_RATE = 6.0f;     // datagrams per second without -p
+constexpr float PUT_FALLBACK_RATE = 5.0f;    // used when -p is 0 or below
+constexpr int PUT_REQUEST_REPEAT_TICKS = 4;  // the request is repeated every 2 s of silence
 
 // What one upload holds between passes of its receive loop.
 struct PutSession {
@@ -48,9 +47,6 @@ PutStep putOnDatagram(PutSession *s, const uint8_t *buf, int len, const sockaddr
 PutStep putOnIdleTick(PutSession *s);
 // Spends whole units of credit on data datagrams; returns how many were sent.
 int putBurst(PutSession *s);
-// The statistics line without its line end: elapsed time and, for a non-empty file and a
-// positive time, the average byte rate. Returns what snprintf returns.
-int putFormatStatistics(char *buf, size_t size, timeval elapsed, uint32_t fileSize);
 
 void filePut(int fd, struct sockaddr_in *target, socklen_t *targetLen, const char *local_filename,
              const char *remote_filename, int timeout_limit_secs, int longName, float pkts_per_sec);

@@ -7,15 +7,18 @@
 
 #include <atomic>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 
 #include "client/client.hpp"
-#include "client/download.hpp"
-#include "common/packet.hpp"
+#include "client/progress.hpp"
+#include "client/session_time.hpp"
+#include "common/digest.hpp"
+#include "common/requests.hpp"
+#include "common/rx_process.hpp"
+#include "common/select_call.hpp"
 #include "station/station.hpp"
 
 const ReceivePolicy DOWNLOAD_POLICY = {
@@ -32,59 +35,28 @@ const ReceivePolicy DOWNLOAD_POLICY = {
     .printClientDone = true,
     .removeLocalOnTimeout = false,
 };
-const ReceivePolicy LISTING_POLICY = {
-    .lockDataFile = false,
-    .stopLength = false,
-    .errorReports = false,
-    .failedWaitIsIdle = true,
-    .repeatUntilDataAndMeta = false,
-    .requestRepeatTicks = 4,
-    .ackOnlyAfterData = false,
-    .ackAfterSeconds = 0,
-    .interruptEnds = false,
-    .confirmations = 1,
-    .printClientDone = false,
-    .removeLocalOnTimeout = true,
-};
-const ReceivePolicy REPORT_POLICY = {
-    .lockDataFile = false,
-    .stopLength = false,
-    .errorReports = false,
-    .failedWaitIsIdle = true,
-    .repeatUntilDataAndMeta = false,
-    .requestRepeatTicks = 4,
-    .ackOnlyAfterData = false,
-    .ackAfterSeconds = 0,
-    .interruptEnds = false,
-    .confirmations = 7,
-    .printClientDone = false,
-    .removeLocalOnTimeout = true,
-};
 
 namespace {
 
-constexpr int WAIT_USEC = 500000;
-constexpr int EARLY_GIVE_UP_TICKS = 39;  // 20 s without an answer or without the metadata
-constexpr int ACK_EVERY_BLOCKS = 255;    // an acknowledgement after more than this many blocks
+// The listing and report fetches: none of the download's own rules (lock, stop length, error
+// reports, interrupt), and they differ only in how many acknowledgements confirm a complete
+// transfer.
+constexpr ReceivePolicy fetchPolicy(int confirmations) {
+  ReceivePolicy p{};
+  p.failedWaitIsIdle = true;
+  p.requestRepeatTicks = 4;
+  p.confirmations = confirmations;
+  p.removeLocalOnTimeout = true;
+  return p;
+}
+
+constexpr int ACK_EVERY_BLOCKS = 255;  // an acknowledgement after more than this many blocks
 constexpr long ACK_PAUSE_NSEC = 300000000;
-// The offset of block 1023, the last block the unslid window holds: early blocks 1 to 1023
-// pass the size check, block 0 (whose offset wraps) never does.
-constexpr uint32_t EARLY_BLOCKS = BLK_RX_WINDOW - 2;
 
 timeval now() {
   timeval t{};
   gettimeofday(&t, nullptr);
   return t;
-}
-
-// Whole seconds and microseconds from `from` to `to`, borrowing a second for the microseconds.
-timeval since(const timeval &from, const timeval &to) {
-  timeval d{to.tv_sec - from.tv_sec, to.tv_usec - from.tv_usec};
-  if (d.tv_usec < 0) {
-    d.tv_sec -= 1;
-    d.tv_usec += 1000000;
-  }
-  return d;
 }
 
 void pause300ms() {
@@ -123,7 +95,7 @@ bool idleTick(ReceiveSession &s) {
   bool haveMeta = blkIsInVector(s.rxSet, 0) != 0;
   bool waiting = s.policy->repeatUntilDataAndMeta ? !(s.receivedData && haveMeta) : !haveMeta;
   if (!waiting) return false;
-  if (s.timeout > EARLY_GIVE_UP_TICKS) {
+  if (s.timeout >= EARLY_GIVE_UP_TICKS) {
     s.success = false;
     return true;
   }
@@ -134,7 +106,7 @@ bool idleTick(ReceiveSession &s) {
 void periodicAck(ReceiveSession &s) {
   if (s.policy->ackOnlyAfterData && !s.receivedData) return;
   timeval t = now();
-  if (since(s.lastAckTime, t).tv_sec > s.policy->ackAfterSeconds || s.dataSinceLastAck > ACK_EVERY_BLOCKS) {
+  if (timeBetween(s.lastAckTime, t).tv_sec > s.policy->ackAfterSeconds || s.dataSinceLastAck > ACK_EVERY_BLOCKS) {
     sendVectorAck(s.fd, s.target, s.rxSet, 0);
     s.dataSinceLastAck = 0;
     s.lastAckTime = t;
@@ -142,6 +114,9 @@ void periodicAck(ReceiveSession &s) {
 }
 
 }  // namespace
+
+const ReceivePolicy LISTING_POLICY = fetchPolicy(1);
+const ReceivePolicy REPORT_POLICY = fetchPolicy(7);
 
 void dispatchDatagram(ReceiveSession &s, const uint8_t *pkt, int nread, const sockaddr_in &from) {
   if (s.policy->errorReports && nread >= 1 && pkt[0] == KESTIL_ERROR) {
@@ -172,23 +147,9 @@ ReceiveSession newSession(const ReceivePolicy &policy, int fd, const struct sock
   return s;
 }
 
-int clampSeconds(long seconds) {
-  if (seconds > INT_MAX) return INT_MAX;
-  if (seconds < INT_MIN) return INT_MIN;
-  return static_cast<int>(seconds);
-}
-
-int idleLimitTicks(long timeoutSeconds) {
-  long long ticks = 2LL * timeoutSeconds;
-  // A limit too large for an int is capped, never wrapped into one that ends at the first tick.
-  if (ticks > INT_MAX) return INT_MAX;
-  if (ticks < INT_MIN) return INT_MIN;
-  return static_cast<int>(ticks);
-}
-
 uint32_t sizeBound(const ReceiveSession &s) {
-  // Before the metadata the size is unknown: early blocks are kept, bounded by the window.
-  return s.rxSet->lastBlk != 0 ? s.file_size : EARLY_BLOCKS * s.rxSet->block_size;
+  // Size 0 before the metadata: only block 1 (offset 0) is taken, the sender repeats the rest.
+  return s.rxSet->lastBlk != 0 ? s.file_size : 0;
 }
 
 void lockLocalFile(const ReceiveSession &s) {
@@ -241,7 +202,7 @@ void receiveLoop(ReceiveSession &s) {
     releaseLocalFile(s);
     if (p.stopLength && s.lenLimit != 0 && s.rxSet->block_size * s.rxSet->uniqueBlkCnt >= s.lenLimit) return;
 
-    int ready = select_call(s.fd, 0, WAIT_USEC);
+    int ready = select_call(s.fd, 0, IDLE_TICK_USEC);
     lockLocalFile(s);
 
     if (ready == 1) {
@@ -283,7 +244,7 @@ void finishTransfer(ReceiveSession &s) {
     if (s.policy->printClientDone) std::puts("client done");
   }
 
-  timeval elapsed = since(s.startTime, now());
+  timeval elapsed = timeBetween(s.startTime, now());
   closeState(&s.state);
   s.rxSet = nullptr;
 
@@ -299,12 +260,7 @@ void finishTransfer(ReceiveSession &s) {
     remove(s.stateName);
   }
 
-  std::printf("Elapsed time: %02ld:%02ld:%02ld.%06ld", static_cast<long>(elapsed.tv_sec / 3600),
-              static_cast<long>((elapsed.tv_sec % 3600) / 60), static_cast<long>(elapsed.tv_sec % 60),
-              static_cast<long>(elapsed.tv_usec));
-  double seconds = static_cast<double>(elapsed.tv_sec) + static_cast<double>(elapsed.tv_usec) / 1000000.0;
-  if (s.file_size != 0 && seconds > 0) std::printf("      Avg Bps: %.2f", s.file_size / seconds);
-  std::printf("\n");
+  printStatistics(elapsed, s.file_size);
 }
 
 char *timeStampedName(const char *prefix) {

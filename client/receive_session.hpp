@@ -72,12 +72,8 @@ struct ReceiveSession {
 ReceiveSession newSession(const ReceivePolicy &policy, int fd, const struct sockaddr_in *target, const char *localName,
                           const SessionRequest &request);
 
-// An option's seconds as the int the sessions take; capped rather than wrapped.
-int clampSeconds(long seconds);
-// The idle limit in 0.5 s ticks for a limit in seconds; capped rather than wrapped.
-int idleLimitTicks(long timeoutSeconds);
-// The size bound handed to the block processing: the file size once known, before the first
-// metadata the offset of the last block the unslid window holds.
+// The size bound handed to the block processing: the file size once known, 0 before the first
+// metadata, so that a stray block cannot make the file longer than its size.
 uint32_t sizeBound(const ReceiveSession &s);
 
 // Sets the transfer state to its start values and takes file size and time from a record that

@@ -1,5 +1,7 @@
 // The report command: the remote download queue, optionally limited per group, fetched as a
 // listing file, kept in the working directory and printed.
+#include "client/report.hpp"
+
 #include <arpa/inet.h>
 #include <getopt.h>
 #include <stdlib.h>
@@ -9,8 +11,8 @@
 #include <cstring>
 
 #include "client/client.hpp"
-#include "client/download.hpp"
 #include "client/receive_session.hpp"
+#include "client/session_time.hpp"
 #include "listing/listing.hpp"
 #include "station/station.hpp"
 
@@ -70,8 +72,8 @@ void qRep(int fd, const struct sockaddr_in *target, char **q_args, int argc, uin
 }
 
 int report_cmd(int argc, char **argv) {
-  const char *host = "127.0.0.1";
-  long timeoutSec = 1000;
+  const char *host = DEFAULT_HOST;
+  long timeoutSec = DEFAULT_TIMEOUT_SECONDS;
   uint8_t flags = 0;
 
   optind = 0;

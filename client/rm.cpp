@@ -1,24 +1,20 @@
 // The rm command: one fire-and-forget remove request that carries every name that fits.
-#include <arpa/inet.h>
-#include <sys/socket.h>
+#include "client/rm.hpp"
+
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "client/client.hpp"
-#include "client/rm.hpp"
+#include "common/requests.hpp"
 #include "common/wire_codec.hpp"
-#include "station/station.hpp"
 
 namespace {
 
 const char RM_USAGE[] = "rm [-h host] [-L] <remote file>";
 constexpr size_t RM_LIMIT = 200;        // whole datagram, ordinary names
 constexpr size_t RM_LONG_LIMIT = 1400;  // whole datagram with -L
-constexpr size_t RM_HEADER_LEN = 2;     // command byte and flags
 
 }  // namespace
 
@@ -27,22 +23,25 @@ void rmFiles(int fd, struct sockaddr_in *target, socklen_t *, char **paths, int 
   const uint8_t flags =
       static_cast<uint8_t>((recursive ? KESTIL_RM_FLAG_RECURSIVE : 0) | (force ? KESTIL_RM_FLAG_FORCE : 0));
   const size_t limit = long_file_name ? RM_LONG_LIMIT : RM_LIMIT;
-  // Every packed name takes at least two bytes, so the limit bounds their number.
-  const char *packed[RM_LONG_LIMIT / 2];
+  // Names are packed straight into the datagram as they are looked at; an empty one takes a
+  // single byte.
+  uint8_t buf[KESTIL_MAX_DATAGRAM];
+  WireWriter w{buf, limit};
+  w.u8(KESTIL_RM);
+  w.u8(flags);
   int count = 0;
-  size_t len = RM_HEADER_LEN;
 
   for (int i = pathBegin; i < pathEnd; ++i) {
     const char *name = paths[i];
     std::printf("Packing %s\n", name);
-    size_t checkLen = len + std::strlen(name) + 1;
+    const size_t nameBytes = std::strlen(name) + 1;
     // A name that does not fit is left out and said so; later, shorter names may still fit.
-    if (checkLen > limit) {
+    if (nameBytes > w.cap - w.pos) {
       std::printf("Not packed, too long for the request: %s\n", name);
       continue;
     }
-    packed[count++] = name;
-    len = checkLen;
+    w.bytes(name, nameBytes);
+    ++count;
   }
   // A request without a single name would ask for nothing: it is not sent.
   if (count == 0) {
@@ -50,20 +49,11 @@ void rmFiles(int fd, struct sockaddr_in *target, socklen_t *, char **paths, int 
     return;
   }
 
-  uint8_t buf[KESTIL_MAX_DATAGRAM];
-  len = encodeRm(buf, sizeof buf, flags, packed, count);
-  ssize_t sent = sendto(fd, buf, len, 0, reinterpret_cast<const sockaddr *>(target), sizeof(sockaddr_in));
-  int sendErrno = errno;
-  std::printf("Sent %d byte rm!\n", static_cast<int>(sent));
-  if (sent != static_cast<ssize_t>(len)) {
-    std::fflush(stdout);
-    errno = sendErrno;
-    std::perror("Send");
-  }
+  sendReported(fd, target, buf, w.done(), "rm");
 }
 
 int rm_cmd(int argc, char **argv) {
-  const char *host = "127.0.0.1";
+  const char *host = DEFAULT_HOST;
   int longName = 0;
   int recursive = 0;
   int force = 0;

@@ -3,12 +3,12 @@
 #include "client/state_file.hpp"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 bool downloadStateName(const char *localName, char out[STATE_NAME_MAX]) {
   if (std::strlen(localName) > LOCAL_NAME_MAX) return false;
@@ -32,7 +32,29 @@ void initSavedRXState(SavedRXState *st, const char *remoteName, const struct soc
   std::memcpy(st->src.addr, &src->sin_addr.s_addr, 4);
 }
 
+bool holdsOneRecord(const struct stat &st, size_t recordSize) { return st.st_size == static_cast<off_t>(recordSize); }
+
 namespace {
+
+// Writes the initial record as a new state file in one write.
+bool createRecord(const char *stateName, const void *initial, size_t recordSize) {
+  UniqueFd cfd(open(stateName, O_RDWR | O_CREAT | O_TRUNC, 0644));
+  if (!cfd.valid()) {
+    std::perror("resume fd 2");
+    return false;
+  }
+  if (write(cfd.get(), initial, recordSize) != static_cast<ssize_t>(recordSize)) {
+    std::perror("tmpvec");
+    return false;
+  }
+  cfd.reset();
+  struct stat st {};
+  if (stat(stateName, &st) != 0) {
+    std::perror("restat");
+    return false;
+  }
+  return true;
+}
 
 // Steps shared by both record kinds: create the record when needed, open it, check its size
 // and map it. `initial` is the record written on creation.
@@ -43,56 +65,33 @@ StateFailure openState(const char *stateName, const void *initial, size_t record
   // A shorter file can only be left by a creation cut off before its one write, before any
   // request went out: it is created anew. A longer one is not ours to guess at.
   if (!create && static_cast<size_t>(st.st_size) < recordSize) create = true;
-  if (create) {
-    int cfd = open(stateName, O_RDWR | O_CREAT | O_TRUNC, 0644);
-    if (cfd < 0) {
-      std::perror("resume fd 2");
-      return StateFailure::Fatal;
-    }
-    ssize_t written = write(cfd, initial, recordSize);
-    if (written != static_cast<ssize_t>(recordSize)) {
-      std::perror("tmpvec");
-      close(cfd);
-      return StateFailure::Fatal;
-    }
-    close(cfd);
-    if (stat(stateName, &st) != 0) {
-      std::perror("restat");
-      return StateFailure::Fatal;
-    }
-  }
-  int sfd = open(stateName, O_RDWR);
-  if (sfd < 0) {
+  if (create && !createRecord(stateName, initial, recordSize)) return StateFailure::Fatal;
+  UniqueFd sfd(open(stateName, O_RDWR));
+  if (!sfd.valid()) {
     std::perror("resume fd");
     return StateFailure::Fatal;
   }
   // The size that is mapped is the size of the file actually opened: never map or touch more
   // than it holds.
-  if (fstat(sfd, &st) != 0 || static_cast<size_t>(st.st_size) != recordSize) {
+  if (fstat(sfd.get(), &st) != 0 || !holdsOneRecord(st, recordSize)) {
     std::fprintf(stderr, "State file %s is %lld bytes, not the %zu bytes of a state record\n", stateName,
                  static_cast<long long>(st.st_size), recordSize);
-    close(sfd);
     return StateFailure::Fatal;
   }
-  void *addr = mmap(nullptr, recordSize, PROT_READ | PROT_WRITE, MAP_SHARED, sfd, 0);
-  if (addr == MAP_FAILED) {
+  Mapping map = Mapping::shared(sfd.get(), recordSize, PROT_READ | PROT_WRITE);
+  if (map.addr == nullptr) {
     std::perror("mmap 1");
-    close(sfd);
     return StateFailure::Fatal;
   }
-  // The ring index and base come from a file: values the vector operations could not have left
-  // would send them outside the ring.
   BlkRxVector vec;
-  std::memcpy(&vec, static_cast<const uint8_t *>(addr) + vectorOffset, sizeof vec);
-  if (vec.head < 0 || vec.head > 127 || vec.blkNumBase % 8 != 0 || (vec.lastBlk != 0 && vec.block_size == 0)) {
+  std::memcpy(&vec, static_cast<const uint8_t *>(map.addr) + vectorOffset, sizeof vec);
+  // A sized record with block size 0 could never take a block.
+  if (!blkRxVectorIsUsable(&vec) || (vec.lastBlk != 0 && vec.block_size == 0)) {
     std::fprintf(stderr, "State file %s is damaged: its block vector cannot be used\n", stateName);
-    munmap(addr, recordSize);
-    close(sfd);
     return StateFailure::Fatal;
   }
-  out->fd = sfd;
-  out->addr = addr;
-  out->size = recordSize;
+  static_cast<Mapping &>(*out) = std::move(map);
+  out->fd = std::move(sfd);
   return StateFailure::None;
 }
 
@@ -115,8 +114,6 @@ StateFailure openVectorState(const char *stateName, StateMapping *out) {
 }
 
 void closeState(StateMapping *m) {
-  if (m->addr != nullptr) munmap(m->addr, m->size);
-  if (m->fd >= 0) close(m->fd);
-  m->addr = nullptr;
-  m->fd = -1;
+  m->reset();
+  m->fd.reset();
 }

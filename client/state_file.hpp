@@ -4,12 +4,14 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <sys/stat.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
 
 #include "common/blk_rx_vector.hpp"
+#include "common/file_handles.hpp"
 
 constexpr size_t STATE_NAME_MAX = 1600;         // state file name buffer with its terminator
 constexpr size_t STATE_REMOTE_NAME_MAX = 2048;  // characters of the remote name kept
@@ -55,12 +57,14 @@ bool isStateFileName(const char *arg);
 // The initial record of a new download: vector with block size 1, the remote name and endpoint.
 void initSavedRXState(SavedRXState *st, const char *remoteName, const struct sockaddr_in *src);
 
+// True when a state file of status `st` is exactly one record of `recordSize` bytes: a file of
+// any other size is never mapped.
+bool holdsOneRecord(const struct stat &st, size_t recordSize);
+
 // An open, mapped state file. The mapping is shared with the file, so every change to the
 // record lands in it at once.
-struct StateMapping {
-  int fd = -1;
-  void *addr = nullptr;
-  size_t size = 0;
+struct StateMapping : Mapping {
+  UniqueFd fd;
 };
 
 // What the sessions do with a state file that cannot be set up.
@@ -72,4 +76,5 @@ enum class StateFailure { None, Fatal };
                                              const struct sockaddr_in *src, StateMapping *out);
 // The same for the 176-byte vector record of a listing or report fetch.
 [[nodiscard]] StateFailure openVectorState(const char *stateName, StateMapping *out);
+// Unmaps the record and closes its file.
 void closeState(StateMapping *m);

@@ -6,8 +6,6 @@
 
 namespace {
 
-constexpr int RING_BYTES = 128;
-
 // `head` comes from a mapped state file; reducing it keeps a damaged one inside the ring.
 uint32_t headIndex(const BlkRxVector *vec) { return static_cast<uint32_t>(vec->head) % RING_BYTES; }
 // Ring index of block b; b must lie in the window.
@@ -15,6 +13,13 @@ uint32_t ringIndex(const BlkRxVector *vec, uint32_t b) {
   return ((b - vec->blkNumBase) / 8 + headIndex(vec)) % RING_BYTES;
 }
 uint8_t bitMask(uint32_t b) { return static_cast<uint8_t>(0x80u >> (b % 8)); }
+
+// The window moves by one ring byte: the byte it leaves is cleared for its re-entry at the far end.
+void stepWindow(BlkRxVector *vec) {
+  vec->vector[headIndex(vec)] = 0;
+  vec->head = static_cast<int32_t>((headIndex(vec) + 1) % RING_BYTES);
+  vec->blkNumBase += 8;
+}
 
 }  // namespace
 
@@ -48,11 +53,7 @@ void addBlkToVector(BlkRxVector *vec, uint32_t blkNum) {
 
 void slideBlkRxVector(BlkRxVector *vec) {
   // lastBlk 0 (size unknown) stops the slide: nothing can be completed before the metadata.
-  while (vec->vector[headIndex(vec)] == 0xFF && vec->blkNumBase < vec->lastBlk) {
-    vec->vector[headIndex(vec)] = 0;
-    vec->head = static_cast<int32_t>((headIndex(vec) + 1) % RING_BYTES);
-    vec->blkNumBase += 8;
-  }
+  while (vec->vector[headIndex(vec)] == 0xFF && vec->blkNumBase < vec->lastBlk) stepWindow(vec);
 }
 
 int vectorIsFinished(const BlkRxVector *vec) {
@@ -64,4 +65,25 @@ int vectorIsFinished(const BlkRxVector *vec) {
     if (!blkIsInVector(vec, b)) return 0;
   }
   return 1;
+}
+
+uint8_t blkRxVectorByte(const BlkRxVector *vec, uint32_t i) { return vec->vector[(headIndex(vec) + i) % RING_BYTES]; }
+
+void setBlkRxVectorByte(BlkRxVector *vec, uint32_t i, uint8_t bits) {
+  vec->vector[(headIndex(vec) + i) % RING_BYTES] = bits;
+}
+
+void advanceBlkRxVector(BlkRxVector *vec, uint32_t base) {
+  if (base <= vec->blkNumBase) return;
+  if (base - vec->blkNumBase > BLK_RX_WINDOW) {
+    std::memset(vec->vector, 0, sizeof vec->vector);
+    vec->head = 0;
+    vec->blkNumBase = base;
+    return;
+  }
+  while (vec->blkNumBase < base) stepWindow(vec);
+}
+
+bool blkRxVectorIsUsable(const BlkRxVector *vec) {
+  return vec->head >= 0 && static_cast<uint32_t>(vec->head) < RING_BYTES && vec->blkNumBase % 8 == 0;
 }

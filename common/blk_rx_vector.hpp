@@ -14,6 +14,10 @@ struct KestilTimespec {
   int32_t tv_nsec;
 };
 
+// The ring of received-block bits and the window of blocks it covers beyond blkNumBase.
+constexpr uint32_t RING_BYTES = 128;
+constexpr uint32_t BLK_RX_WINDOW = RING_BYTES * 8;
+
 struct BlkRxVector {
   uint32_t blkNumBase;  // multiple of 8; every block below it is received
   uint32_t lastBlk;     // data blocks + 1 (block 0 is the metadata); 0 while the size is unknown
@@ -23,7 +27,7 @@ struct BlkRxVector {
   KestilTimespec modTime;
   int32_t head;  // ring byte holding blocks blkNumBase .. blkNumBase + 7
   uint8_t md5[16];
-  uint8_t vector[128];
+  uint8_t vector[RING_BYTES];
 };
 
 // The state files hold the record as a native little-endian image.
@@ -40,8 +44,6 @@ static_assert(offsetof(BlkRxVector, head) == 28);
 static_assert(offsetof(BlkRxVector, md5) == 32);
 static_assert(offsetof(BlkRxVector, vector) == 48);
 
-constexpr uint32_t BLK_RX_WINDOW = 1024;  // blocks beyond blkNumBase the ring can hold
-
 void initBlkRxVector(BlkRxVector *vec, uint32_t blkSize);
 void setBlkRxVectorFileSize(BlkRxVector *vec, uint32_t fileSize);
 int fitsInBlkRxVector(const BlkRxVector *vec, uint32_t blkNum);
@@ -49,6 +51,16 @@ int blkIsInVector(const BlkRxVector *vec, uint32_t blkNum);
 void addBlkToVector(BlkRxVector *vec, uint32_t blkNum);
 void slideBlkRxVector(BlkRxVector *vec);
 int vectorIsFinished(const BlkRxVector *vec);
+// Vector byte i (below RING_BYTES): the bits of blocks blkNumBase + 8i to + 8i + 7, in the
+// order of the wire vector.
+uint8_t blkRxVectorByte(const BlkRxVector *vec, uint32_t i);
+void setBlkRxVectorByte(BlkRxVector *vec, uint32_t i, uint8_t bits);
+// Moves the window up to `base` (a multiple of 8), clearing every ring byte it leaves; a jump
+// past the whole window starts an empty ring at `base`. A base at or below blkNumBase is kept.
+void advanceBlkRxVector(BlkRxVector *vec, uint32_t base);
+// True when the ring index lies inside the ring and the base is a multiple of 8: the record
+// comes from a file, and other values would send the operations outside the ring.
+bool blkRxVectorIsUsable(const BlkRxVector *vec);
 
 // Block arithmetic, in the protocol's unsigned 32-bit terms.
 // File offset of data block n (n >= 1).

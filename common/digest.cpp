@@ -1,12 +1,12 @@
 // MD5 digests of a whole open file and of a memory buffer, which verify a transfer end
 // to end (the metadata carries the sender's digest).
+#include "common/digest.hpp"
+
 #include <md5.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
-
-#include "common/packet.hpp"
 
 int md5_fd(int fd, uint8_t digest[16]) {
   std::memset(digest, 0, 16);

@@ -1,12 +1,13 @@
 // Vector acknowledgements built from a BlkRxVector, and the requests that open a transfer,
 // each carrying a piggy-backed acknowledgement when the vector knows the file size.
+#include "common/requests.hpp"
+
 #include <sys/socket.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
-#include "common/packet.hpp"
 #include "common/wire_codec.hpp"
 #include "station/station.hpp"
 
@@ -31,21 +32,20 @@ int appendPiggyback(uint8_t *buf, int len, const BlkRxVector *rxSet) {
   return len + fill_vecack_packet(buf + len, room, rxSet, 0);
 }
 
-// Sends one request; `err` keeps the system error of a failed or short send for the report.
-ssize_t sendDatagram(int fd, const struct sockaddr_in *target, const uint8_t *buf, int len, int *err) {
+}  // namespace
+
+ssize_t sendReported(int fd, const struct sockaddr_in *target, const uint8_t *buf, size_t len, const char *what) {
   errno = 0;
-  ssize_t sent =
-      sendto(fd, buf, static_cast<size_t>(len), 0, reinterpret_cast<const sockaddr *>(target), sizeof(sockaddr_in));
-  *err = errno;
+  const ssize_t sent = sendto(fd, buf, len, 0, reinterpret_cast<const sockaddr *>(target), sizeof(sockaddr_in));
+  const int err = errno;
+  if (what != nullptr) std::printf("Sent %d byte %s!\n", static_cast<int>(sent), what);
+  if (sent != static_cast<ssize_t>(len)) {
+    std::fflush(stdout);
+    errno = err;
+    std::perror("Send");
+  }
   return sent;
 }
-
-void reportShortSend(int err) {
-  errno = err;
-  std::perror("Send");
-}
-
-}  // namespace
 
 int fill_vecack_packet(uint8_t *dst, int byteLimit, const BlkRxVector *vec, int abort) {
   if (byteLimit <= KESTIL_VECACK_HEADER_LEN) return 0;
@@ -53,14 +53,13 @@ int fill_vecack_packet(uint8_t *dst, int byteLimit, const BlkRxVector *vec, int 
   storeBe32(dst + 1, vec->blkNumBase);
   // The vector runs up to and including the byte that holds lastBlk's group of eight.
   const uint32_t lastGroup = vec->lastBlk & ~7u;
-  const uint32_t head = static_cast<uint32_t>(vec->head) % 128;
-  int i = 0;
-  while (i < 128 && KESTIL_VECACK_HEADER_LEN + i < byteLimit &&
-         vec->blkNumBase + 8u * static_cast<uint32_t>(i) <= lastGroup) {
-    dst[KESTIL_VECACK_HEADER_LEN + i] = vec->vector[(head + static_cast<uint32_t>(i)) % 128];
+  uint32_t i = 0;
+  while (i < RING_BYTES && KESTIL_VECACK_HEADER_LEN + static_cast<int>(i) < byteLimit &&
+         vec->blkNumBase + 8u * i <= lastGroup) {
+    dst[KESTIL_VECACK_HEADER_LEN + i] = blkRxVectorByte(vec, i);
     ++i;
   }
-  return KESTIL_VECACK_HEADER_LEN + i;
+  return KESTIL_VECACK_HEADER_LEN + static_cast<int>(i);
 }
 
 void sendVectorAck(int fd, const struct sockaddr_in *target, const BlkRxVector *vec, int abort) {
@@ -86,8 +85,7 @@ void sendRequest(int fd, const struct sockaddr_in *target, const char *remote_fi
   req.name = remote_filename;
   req.nameLen = nameLen;
   int len = appendPiggyback(buf, static_cast<int>(encodeGetRequest(buf, sizeof buf, req)), rxSet);
-  int err = 0;
-  if (sendDatagram(fd, target, buf, len, &err) != len) reportShortSend(err);
+  sendReported(fd, target, buf, static_cast<size_t>(len), nullptr);
 }
 
 void sendQReq(int fd, const struct sockaddr_in *target, const BlkRxVector *rxSet, uint8_t num_grps,
@@ -107,8 +105,5 @@ void sendQReq(int fd, const struct sockaddr_in *target, const BlkRxVector *rxSet
   req.num_grps = num_grps;
   if (num_grps > 0) std::memcpy(req.limits, limits, num_grps * sizeof *limits);
   int len = appendPiggyback(buf, static_cast<int>(encodeQReport(buf, sizeof buf, req)), rxSet);
-  int err = 0;
-  ssize_t sent = sendDatagram(fd, target, buf, len, &err);
-  std::printf("Sent %d byte qreq!\n", static_cast<int>(sent));
-  if (sent != len) reportShortSend(err);
+  sendReported(fd, target, buf, static_cast<size_t>(len), "qreq");
 }

@@ -1,11 +1,12 @@
 // The receiving side's handling of one datagram: a data block is stored at its place in
 // the output file and marked in the vector; metadata is checked against the request.
+#include "common/rx_process.hpp"
+
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 
-#include "common/packet.hpp"
 #include "common/wire_codec.hpp"
 
 uint8_t processData(const uint8_t *pkt, int nread, int outputFd, uint32_t filesize, BlkRxVector *rxSet,

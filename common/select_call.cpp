@@ -1,9 +1,9 @@
 // The bounded wait of every session loop: one descriptor, an absolute deadline, and a
 // select that is called again after early wake-ups until the deadline has passed.
+#include "common/select_call.hpp"
+
 #include <sys/select.h>
 #include <sys/time.h>
-
-#include "common/packet.hpp"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/packet.hpp"
+#include "common/digest.hpp"
 #include "common/wire_codec.hpp"
 #include "station/station.hpp"
 
@@ -18,7 +18,6 @@ namespace {
 
 constexpr int LOG_LEVEL = 4;
 constexpr uint32_t CACHE_LIMIT = 262144;  // files of this size or more are read block by block
-constexpr int RING_BYTES = 128;
 
 int buildMetadata(const KESTIL_TXState *tx, uint8_t *buf) {
   KESTIL_metadata meta{};
@@ -91,19 +90,7 @@ uint8_t rx_func(KESTIL_TXState *txState, const uint8_t *ack, int len) {
   if (base % 8 != 0) return 0;
   txState->ackCnt++;
 
-  if (base > vec.blkNumBase) {
-    if (base - vec.blkNumBase > BLK_RX_WINDOW) {
-      std::memset(vec.vector, 0, sizeof vec.vector);
-      vec.head = 0;
-      vec.blkNumBase = base;
-    } else {
-      while (vec.blkNumBase < base) {
-        vec.blkNumBase += 8;
-        vec.vector[vec.head] = 0;
-        vec.head = (vec.head + 1) % RING_BYTES;
-      }
-    }
-  }
+  advanceBlkRxVector(&vec, base);
 
   // The receiver's latest report replaces each group of eight it covers.
   const int vectorLen = len - KESTIL_VECACK_HEADER_LEN;
@@ -111,8 +98,8 @@ uint8_t rx_func(KESTIL_TXState *txState, const uint8_t *ack, int len) {
     const uint64_t first = static_cast<uint64_t>(base) + 8u * static_cast<uint64_t>(i);
     if (first < vec.blkNumBase) continue;
     const uint64_t pos = (first - vec.blkNumBase) / 8;
-    if (pos > RING_BYTES - 1) break;
-    vec.vector[(static_cast<uint64_t>(vec.head) + pos) % RING_BYTES] = ack[KESTIL_VECACK_HEADER_LEN + i];
+    if (pos >= RING_BYTES) break;
+    setBlkRxVectorByte(&vec, static_cast<uint32_t>(pos), ack[KESTIL_VECACK_HEADER_LEN + i]);
   }
   slideBlkRxVector(&vec);
   return vectorIsFinished(&vec) ? 1 : 0;

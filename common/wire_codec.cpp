@@ -155,14 +155,6 @@ bool decodeQReport(const uint8_t *src, size_t len, KESTIL_qreport *out) {
   return r.ok && readTrailingAck(r, &out->hasAck, &out->ack);
 }
 
-size_t encodeRm(uint8_t *dst, size_t cap, uint8_t flags, const char *const *names, int count) {
-  WireWriter w{dst, cap};
-  w.u8(KESTIL_RM);
-  w.u8(flags);
-  for (int i = 0; i < count; ++i) w.bytes(names[i], std::strlen(names[i]) + 1);
-  return w.done();
-}
-
 bool decodeRm(const uint8_t *src, size_t len, KESTIL_rm *out) {
   WireReader r{src, len};
   const uint8_t cmd = r.u8();

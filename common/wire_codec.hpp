@@ -118,8 +118,6 @@ size_t encodeQReport(uint8_t *dst, size_t cap, const KESTIL_qreport &req);
 // Code 11, at most 20 limits, all of them present, and nothing or a whole acknowledgement after.
 [[nodiscard]] bool decodeQReport(const uint8_t *src, size_t len, KESTIL_qreport *out);
 
-// Packs `count` names with their NULs after the two header bytes.
-size_t encodeRm(uint8_t *dst, size_t cap, uint8_t flags, const char *const *names, int count);
 // Code 3 and at least one name, the last one NUL-terminated.
 [[nodiscard]] bool decodeRm(const uint8_t *src, size_t len, KESTIL_rm *out);
 // The name at *pos of a decoded remove request, advancing *pos past it; null after the last.

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "listing/listing_record.hpp"
+
 // Called once per record. Note the order: flags, group, priority. `filename` points into the
 // reader's buffer and is valid only during the call.
 typedef void (*iterate_dirlisting_cb)(void *param, uint8_t flags, uint8_t group, uint8_t priority, uint32_t size,

@@ -16,9 +16,6 @@
 
 namespace {
 
-constexpr unsigned LISTING_BUF = 4128;       // the largest record
-constexpr unsigned RECORD_FIXED_BYTES = 10;  // length, size, group, priority, flags, name's zero
-
 void logInflateFailure(int ret) {
   DBG_print(4, "NOT OK: ");
   switch (ret) {
@@ -34,26 +31,27 @@ void logInflateFailure(int ret) {
 // Delivers the record at the front of `out` (holding `inHand` decoded bytes) and moves the
 // rest to the front. False when the record is damaged: the reading ends there.
 bool takeRecord(z_stream &z, uint8_t *out, unsigned inHand, iterate_dirlisting_cb callback, void *param) {
-  const unsigned len = loadBe16(out);
+  const unsigned len = loadBe16(out + LISTING_REC_LEN);
   if (len > inHand) {
     DBG_print(4, "Record too long: %u vs %d\n", len, static_cast<int>(inHand));
     return false;
   }
   // A length below 10 cannot hold the record's own fields, and 0 would never advance.
-  if (len < RECORD_FIXED_BYTES) {
+  if (len < LISTING_REC_FIXED) {
     DBG_print(4, "Record too short: %u\n", len);
     return false;
   }
-  const uint32_t size = loadBe32(out + 2);
+  const uint32_t size = loadBe32(out + LISTING_REC_SIZE);
   if (out[len - 1] != 0) {
     DBG_print(4, "String not null terminated, error!\n");
     return false;
   }
-  callback(param, out[8], out[6], out[7], size, reinterpret_cast<const char *>(out + 9));
+  callback(param, out[LISTING_REC_FLAGS], out[LISTING_REC_GROUP], out[LISTING_REC_PRIORITY], size,
+           reinterpret_cast<const char *>(out + LISTING_REC_NAME));
   const unsigned rest = inHand - len;
   memmove(out, out + len, rest);
   z.next_out = out + rest;
-  z.avail_out = LISTING_BUF - rest;
+  z.avail_out = LISTING_RECORD_MAX - rest;
   return true;
 }
 
@@ -76,8 +74,8 @@ int iterate_dirlisting(const char *listingFile, iterate_dirlisting_cb callback, 
     DBG_LOG_ERRNO(4, "Failed to open input file %s\n", listingFile);
     return -1;
   }
-  uint8_t in[LISTING_BUF];
-  uint8_t out[LISTING_BUF];
+  uint8_t in[LISTING_RECORD_MAX];
+  uint8_t out[LISTING_RECORD_MAX];
   z_stream z{};
   z.zalloc = Z_NULL;
   z.zfree = Z_NULL;
@@ -90,7 +88,7 @@ int iterate_dirlisting(const char *listingFile, iterate_dirlisting_cb callback, 
     return -2;
   }
   z.next_out = out;
-  z.avail_out = LISTING_BUF;
+  z.avail_out = LISTING_RECORD_MAX;
 
   for (;;) {
     if (z.avail_in == 0 && fd >= 0) {
@@ -108,7 +106,7 @@ int iterate_dirlisting(const char *listingFile, iterate_dirlisting_cb callback, 
       }
     }
     const int ret = inflate(&z, fd >= 0 ? Z_NO_FLUSH : Z_FINISH);
-    const unsigned inHand = LISTING_BUF - z.avail_out;
+    const unsigned inHand = LISTING_RECORD_MAX - z.avail_out;
     if (ret != Z_OK && ret != Z_STREAM_END) {
       logInflateFailure(ret);
       break;

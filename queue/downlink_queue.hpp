@@ -32,7 +32,6 @@ struct FileListing {
   z_stream zstr;
 };
 
-constexpr int LISTING_RECORD_MAX = 4128;    // record buffer of the writer and the reader
 constexpr uint8_t LISTING_FLAG_DIR = 0x80;  // a directory listed without being descended into
 constexpr uint32_t DWNQ_GROUP_CAP = 1024;
 constexpr int DWNQ_GROUPS = 256;

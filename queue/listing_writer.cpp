@@ -7,13 +7,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "listing/listing_record.hpp"
 #include "queue/downlink_queue.hpp"
 #include "station/station.hpp"
 
 namespace {
 
-constexpr int RECORD_FIXED_BYTES = 10;  // length, size, group, priority, flags, name's zero
-constexpr size_t NAME_MAX_BYTES = LISTING_RECORD_MAX - RECORD_FIXED_BYTES;  // 4118
 constexpr int DEFLATE_LEVEL = 9;
 
 // Writes what deflate put into `out`; a short write is logged and the bytes are lost.
@@ -62,17 +61,17 @@ FileListing *listing_init(int type) {
 void listing_add_file(FileListing *listing, File *file) {
   if (listing == nullptr || file == nullptr || listing->fd < 0) return;
   uint8_t record[LISTING_RECORD_MAX];
-  storeBe32(record + 2, file->size);
-  record[6] = file->group;
-  record[7] = file->priority;
-  record[8] = file->flags;
+  storeBe32(record + LISTING_REC_SIZE, file->size);
+  record[LISTING_REC_GROUP] = file->group;
+  record[LISTING_REC_PRIORITY] = file->priority;
+  record[LISTING_REC_FLAGS] = file->flags;
   // A name longer than a record can hold is cut to the 4118 bytes that fit, so the record
   // stays readable and the length field matches what was written.
-  const size_t nameLen = strnlen(file->name, NAME_MAX_BYTES);
-  memcpy(record + 9, file->name, nameLen);
-  record[9 + nameLen] = 0;
-  const auto recordLen = static_cast<uint16_t>(RECORD_FIXED_BYTES + nameLen);
-  storeBe16(record, recordLen);
+  const size_t nameLen = strnlen(file->name, LISTING_NAME_MAX);
+  memcpy(record + LISTING_REC_NAME, file->name, nameLen);
+  record[LISTING_REC_NAME + nameLen] = 0;
+  const auto recordLen = static_cast<uint16_t>(LISTING_REC_FIXED + nameLen);
+  storeBe16(record + LISTING_REC_LEN, recordLen);
 
   uint8_t out[LISTING_RECORD_MAX];
   z_stream &z = listing->zstr;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "client/put.hpp"
+#include "client/session_time.hpp"
 #include "common/common.hpp"
 #include "station/station.hpp"
 #include "tests/support/test_support.hpp"
@@ -118,10 +119,10 @@ TEST(PutPacing, FailedReadEndsTheBurstUnchargedAndStaysOnTheBlock) {
 
 TEST(PutStatistics, ElapsedTimeAndAverageRate) {
   char line[160];
-  putFormatStatistics(line, sizeof line, timeval{3725, 500000}, 1000);
+  formatStatistics(line, sizeof line, timeval{3725, 500000}, 1000);
   EXPECT_STREQ(line, "Elapsed time: 01:02:05.500000      Avg Bps: 0.27");
-  putFormatStatistics(line, sizeof line, timeval{2, 0}, 0);
+  formatStatistics(line, sizeof line, timeval{2, 0}, 0);
   EXPECT_STREQ(line, "Elapsed time: 00:00:02.000000");
-  putFormatStatistics(line, sizeof line, timeval{0, 0}, 1000);
+  formatStatistics(line, sizeof line, timeval{0, 0}, 1000);
   EXPECT_STREQ(line, "Elapsed time: 00:00:00.000000");
 }

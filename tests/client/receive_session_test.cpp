@@ -9,8 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "client/download.hpp"
-#include "common/packet.hpp"
+#include "client/progress.hpp"
+#include "client/session_time.hpp"
+#include "common/rx_process.hpp"
 #include "tests/support/test_support.hpp"
 
 TEST(ReceiveLimits, IdleLimitIsCappedNeverWrapped) {
@@ -22,7 +23,7 @@ TEST(ReceiveLimits, IdleLimitIsCappedNeverWrapped) {
   EXPECT_EQ(clampSeconds(-5000000000L), INT_MIN);
 }
 
-TEST(ReceiveLimits, BeforeMetadataBlocksOneTo1023AreKeptAndBlockZeroIsNot) {
+TEST(ReceiveLimits, BeforeMetadataOnlyBlockOneIsKept) {
   FILE *f = std::fopen((kt::makeTempDir() + "/data").c_str(), "w+");
   ASSERT_NE(f, nullptr);
   BlkRxVector vec{};
@@ -36,9 +37,10 @@ TEST(ReceiveLimits, BeforeMetadataBlocksOneTo1023AreKeptAndBlockZeroIsNot) {
     return processData(d.data(), static_cast<int>(d.size()), fileno(f), sizeBound(s), &vec, 0);
   };
   EXPECT_EQ(offer(1), 1);
-  EXPECT_EQ(offer(1023), 1);
+  EXPECT_EQ(offer(2), 0);  // past a size of 0: refused and left missing
   EXPECT_EQ(offer(0), 0);  // (0 - 1) x 141 wraps past the bound: only the metadata marks block 0
   EXPECT_FALSE(blkIsInVector(&vec, 0));
+  EXPECT_FALSE(blkIsInVector(&vec, 2));
 
   // Once the size is known it is the bound: a 1000-byte file ends in block 8.
   setBlkRxVectorFileSize(&vec, 1000);

@@ -27,10 +27,12 @@ TEST(GetDownload, CleanDownloadIgnoresMalformedAndRepeatedDatagrams) {
   std::vector<uint8_t> overlong = kt::blockDatagram(std::string(5000, 'X'), 2);
   overlong.resize(146, 'X');  // one byte too long for a 141-byte block: must not overwrite block 2
   // Metadata that says 1 byte: a byte short, a byte long, for another request; a code-5 block
-  // without its number, an unknown code.
+  // without its number, an unknown code; a stray block past the file's end before its metadata.
   std::vector<uint8_t> tiny = kt::metadataDatagram(1, MD5), shortMeta(tiny.begin(), tiny.end() - 1), longMeta = tiny;
   longMeta.push_back(0);
-  for (auto junk : {shortMeta, longMeta, kt::metadataDatagram(1, MD5, 2), kt::bytes({5}), kt::bytes({12, 1, 2, 3})})
+  const std::vector<uint8_t> stray = kt::blockDatagram(kt::patternBytes(40 * 141, 9), 40);
+  for (auto junk :
+       {shortMeta, longMeta, kt::metadataDatagram(1, MD5, 2), kt::bytes({5}), kt::bytes({12, 1, 2, 3}), stray})
     run.send(junk);
   run.send(META);
   for (uint32_t b = 1; b <= 30; ++b) {
@@ -59,10 +61,10 @@ TEST(GetDownload, LostMetadataAndBlocksAreRecoveredThroughAcknowledgements) {
   // Without the metadata the request goes out again after a second of silence.
   ASSERT_GE(seen.requests.size(), 2u);
   EXPECT_EQ(seen.requests[1], kt::request(10, 0, "lossy.bin"));
-  // The first acknowledgement misses exactly the lost blocks: those before the metadata were kept.
+  // Of the blocks before the metadata only block 1 was kept: the first acknowledgement asks for the rest.
   ASSERT_FALSE(seen.acks.empty());
   for (uint32_t b = 0; b <= 40; ++b)
-    EXPECT_EQ(kt::ackHas(seen.acks[0].data(), seen.acks[0].size(), b), seen.dropped.count(b) == 0) << b;
+    EXPECT_EQ(kt::ackHas(seen.acks[0].data(), seen.acks[0].size(), b), b <= 1 && seen.dropped.count(b) == 0) << b;
 }
 
 TEST(GetDownload, LaterDifferentMetadataReplacesTheDigestAndFailsIt) {
@@ -91,8 +93,8 @@ TEST(GetDownload, ForeignMetadataIsRefusedAndForeignBlocksFailTheDigest) {
   otherHost.send(kt::metadataDatagram(1, MD5), run.client);
   std::string forged = CONTENT;
   forged[2 * 141] ^= 0x55;
-  otherHost.send(kt::blockDatagram(forged, 3), run.client);
   run.send(META);
+  otherHost.send(kt::blockDatagram(forged, 3), run.client);
   for (uint32_t b = 1; b <= 30; ++b)
     if (b != 3) run.send(kt::blockDatagram(CONTENT, b));
   kt::Result r = run.finish();

@@ -27,6 +27,17 @@ std::string packing(const std::vector<std::string> &names) {
 TEST(RmCommand, PacksTheNamesThatFitIntoOneDatagram) {
   const std::string fits(197, 'a'), over(198, 'b'), longFits(1397, 'c');  // 2 + 197 + 1 = 200 bytes
   const std::string left = "Not packed, too long for the request: " + over + "\n";
+  // Under -L: a thousand empty names, one byte each, all fit; of twenty 150-byte names nine do.
+  std::vector<std::string> empties(1000, ""), longs(20, std::string(150, 'n'));
+  std::string longsOut, nine;
+  for (size_t i = 0; i < longs.size(); ++i) {
+    longsOut += "Packing " + longs[i] + "\n";
+    if (i < 9)
+      nine += longs[i] + '\0';
+    else
+      longsOut += "Not packed, too long for the request: " + longs[i] + "\n";
+  }
+  empties.insert(empties.begin(), "-L"), longs.insert(longs.begin(), "-L");
   const struct {
     const char *ip;
     std::vector<std::string> args;
@@ -48,6 +59,9 @@ TEST(RmCommand, PacksTheNamesThatFitIntoOneDatagram) {
        {"-L", longFits, "z"},
        request(0, longFits + '\0'),
        packing({longFits, "z"}) + "Not packed, too long for the request: z\nSent 1400 byte rm!\n"},
+      {"127.0.6.47", empties, request(0, std::string(1000, '\0')),
+       packing({empties.begin() + 1, empties.end()}) + "Sent 1002 byte rm!\n"},
+      {"127.0.6.48", longs, request(0, nine), longsOut + "Sent 1361 byte rm!\n"},
       {"127.0.6.45", {over}, {}, packing({over}) + left + "No name fits in the request; nothing sent\n"},
       {"127.0.6.46", {}, {}, "rm [-h host] [-L] <remote file>\n"},
   };

@@ -16,7 +16,7 @@
 #include <string>
 
 #include "client/client.hpp"
-#include "client/download.hpp"
+#include "client/progress.hpp"
 #include "client/put.hpp"
 #include "client/receive_session.hpp"
 #include "client/state_file.hpp"

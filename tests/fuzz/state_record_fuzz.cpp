@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "client/download.hpp"
+#include "client/progress.hpp"
 #include "client/state_file.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
