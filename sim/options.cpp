@@ -82,6 +82,7 @@ ParseOutcome parseSimOptions(int argc, const char *const *argv, SimOptions *opts
   for (int i = 1; i < argc; ++i) {
     std::string_view name(argv[i]);
     if (name == "-h" || name == "--help") return ParseOutcome::Help;
+    if (name == "--version") return ParseOutcome::Version;
     if (name == "-v" || name == "--verbose") {
       opts->verbose = true;
       continue;

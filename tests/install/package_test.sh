@@ -1,7 +1,8 @@
 # The Debian package as `make deb` builds it, from a copy of the source tree: lintian finds
 # no error or warning; unpacked with dpkg -x it holds runtime dependencies only, the eleven
 # command links, compressed manual pages reached from every name, completion and dissector;
-# and the package's own test passes against the unpacked programs.
+# kestil-sim reports debian/changelog's version; and the package's own test passes against
+# the unpacked programs.
 source "$(dirname "$0")/lib.sh"
 ADDR=127.0.11.1
 
@@ -32,6 +33,9 @@ for f in usr/bin/kestil usr/bin/kestil-sim usr/share/bash-completion/completions
 done
 plugins=("$root"/usr/lib/*/wireshark/plugins/kestil.lua)
 [[ -f ${plugins[0]} ]] || fail "the dissector is not in Wireshark's global plugin folder"
+
+expect_eq "kestil-sim --version" "kestil-sim $(dpkg-parsechangelog -l "$SOURCE_DIR/debian/changelog" -S Version)" \
+  "$("$root/usr/bin/kestil-sim" --version)"
 
 # From here on only the unpacked tree's programs are found.
 PATH=$root/usr/bin:/usr/bin:/bin KESTIL_TEST_ADDR=$ADDR AUTOPKGTEST_TMP=$WORK \
