@@ -1,9 +1,10 @@
 # The whole set-up on a fresh Debian machine: `make check` and `make demo`.
-DEBIAN_PACKAGES := cmake g++ make pkg-config zlib1g-dev libmd-dev libgtest-dev libgmock-dev python3
+DEBIAN_PACKAGES := cmake g++ make pkgconf zlib1g-dev libmd-dev libsqlite3-dev libgtest-dev libgmock-dev python3
 # The formatting check of `make check`.
 DEBIAN_PACKAGES += clang-format
-# The package and its tests: building the .deb, reading the manual pages, completion, the dissector.
-DEBIAN_PACKAGES += dpkg-dev groff-base man-db bash-completion tshark
+# The package and its tests: building the .deb (debian/control's Build-Depends), checking it
+# with lintian and autopkgtest, reading the manual pages, completion, the dissector.
+DEBIAN_PACKAGES += dpkg-dev debhelper lintian autopkgtest groff-base man-db bash-completion tshark
 JOBS ?= 2
 
 .PHONY: all build check deps demo clean
@@ -36,7 +37,7 @@ check: build
 	cd build-asan && ctest --output-on-failure -j$(JOBS)
 
 clean:
-	rm -rf build build-asan
+	rm -rf build build-asan build-deb
 
 # The put-rate benchmark (about 2 minutes); not part of `make check`.
 .PHONY: bench-put
@@ -48,13 +49,11 @@ bench-put: deps
 demo: build
 	bash sim/demo.sh build/bin
 
-# The Debian package of kestil and kestil-sim, built in build-deb/ for the prefix /usr;
-# install it with `dpkg -i build-deb/kestil_*.deb`. See README, "Install".
+# The Debian package, built by dpkg-buildpackage from debian/; the .deb, .buildinfo and
+# .changes land in build-deb/. See README, "Install".
 .PHONY: deb
 deb: deps
-	cmake -S . -B build-deb -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=OFF
-	cmake --build build-deb -j$(JOBS)
-	cd build-deb && cpack -G DEB
+	DEB_BUILD_OPTIONS=parallel=$(JOBS) scripts/build-deb build-deb
 
 # libFuzzer runs of every fuzz target of tests/fuzz with ASan and UBSan, FUZZ_SECONDS each
 # (default 600), one after the other and niced; clang and Debian's libFuzzer are installed

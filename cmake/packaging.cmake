@@ -1,11 +1,10 @@
-# Installation and the Debian package. `cmake --install` puts kestil and kestil-sim in the
-# binary directory with the eleven command names as symbolic links to kestil, the manual
-# pages, the bash completion and the Wireshark dissector; `cpack -G DEB` (make deb) packs
-# the same tree.
+# Installation. `cmake --install` puts kestil and kestil-sim in the binary directory with the
+# eleven command names as symbolic links to kestil, the manual pages, the bash completion and
+# the Wireshark dissector. The Debian package (debian/, `make deb`) takes exactly this tree,
+# so an executable or page installed here is packaged without a change to debian/.
 include(GNUInstallDirs)
 
-# Installing and packing take what is built (`make deb` builds first) instead of building
-# every target, tests included, on the way.
+# Installing takes what is built instead of building every target, tests included, on the way.
 set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY TRUE)
 
 # The program names of the command table: the executable picks its command from the name
@@ -50,25 +49,3 @@ install(FILES doc/kestil.1 doc/kestil-sim.1 ${kestil_man_links} DESTINATION ${CM
 install(FILES contrib/bash-completion/kestil ${kestil_completion_links} DESTINATION ${KESTIL_BASH_COMPLETIONDIR})
 install(FILES contrib/wireshark/kestil.lua DESTINATION ${KESTIL_WIRESHARK_PLUGINDIR})
 install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-
-set(CPACK_PACKAGE_NAME kestil)
-set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_VENDOR "kestil maintainers")
-set(CPACK_PACKAGE_CONTACT "kestil maintainers <kestil@localhost>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "ground-station client of a satellite's datagram file service")
-set(CPACK_PACKAGE_DESCRIPTION
-    "kestil downloads files from a spacecraft's file service with partial downloads that\n"
-    "survive between passes, uploads at a paced rate, lists and deletes remote files and\n"
-    "manages the on-board download queue. kestil-sim plays the spacecraft's side on\n"
-    "loopback behind an emulated lossy link for rehearsals and tests.")
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_STRIP_FILES ON)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION net)
-set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
-# dpkg-shlibdeps derives the dependencies from the executables themselves: the C and C++
-# runtimes, zlib and libmd, and nothing of the build tree.
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "tshark | wireshark, bash-completion")
-include(CPack)

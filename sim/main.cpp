@@ -137,6 +137,7 @@ int main(int argc, char **argv) {
   std::string error;
   switch (parseSimOptions(argc, argv, &opts, &error)) {
     case ParseOutcome::Help: std::fputs(simUsage(), stdout); return 0;
+    case ParseOutcome::Version: std::printf("kestil-sim %s\n", KESTIL_VERSION); return 0;
     case ParseOutcome::Error: std::fprintf(stderr, "kestil-sim: %s\n%s", error.c_str(), simUsage()); return 2;
     case ParseOutcome::Run: break;
   }

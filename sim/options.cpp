@@ -170,6 +170,7 @@ std::string buildUsage() {
   std::string text =
       "usage: kestil-sim [options]\n"
       "       kestil-sim --relay LISTEN_ADDR:PORT UPSTREAM_ADDR:PORT [link options] [--idle S] [-v] [--pcap FILE]\n"
+      "       kestil-sim --help | --version\n"
       "options:\n";
   for (const SimOptionRow &row : OPTION_ROWS) {
     std::string left = std::string(row.name) + (row.argument != nullptr ? std::string(" ") + row.argument : "");
@@ -208,6 +209,7 @@ ParseOutcome parseSimOptions(int argc, const char *const *argv, SimOptions *opts
   for (int i = 1; i < argc; ++i) {
     std::string_view name(argv[i]);
     if (name == "-h" || name == "--help") return ParseOutcome::Help;
+    if (name == "--version") return ParseOutcome::Version;
     if (name == "--relay") {
       if (parseRelay(argc, argv, &i, opts, error) == ParseOutcome::Error) return ParseOutcome::Error;
       continue;

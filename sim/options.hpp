@@ -28,7 +28,7 @@ struct SimOptions {
   sockaddr_in relayUpstream{};
 };
 
-enum class ParseOutcome : uint8_t { Run, Help, Error };
+enum class ParseOutcome : uint8_t { Run, Help, Version, Error };
 
 // Fills `opts` from argv[1..]; on Error `error` holds a one-line explanation.
 [[nodiscard]] ParseOutcome parseSimOptions(int argc, const char *const *argv, SimOptions *opts, std::string *error);
