@@ -28,12 +28,20 @@ build: deps
 	cmake -S . -B build
 	cmake --build build -j$(JOBS)
 
+# ctest-clean BUILD_DIR: its tests, with TMPDIR a fresh folder that every test must leave empty.
+define ctest-clean
+	rm -rf $(1)/check-tmp && mkdir $(1)/check-tmp
+	cd $(1) && TMPDIR=$(CURDIR)/$(1)/check-tmp ctest --output-on-failure -j$(JOBS)
+	@if [ -n "$$(ls -A $(1)/check-tmp)" ]; then \
+	  echo "left in TMPDIR by the tests of $(1):"; ls -A $(1)/check-tmp; exit 1; fi
+endef
+
 check: build
 	scripts/check-format
-	cd build && ctest --output-on-failure -j$(JOBS)
+	$(call ctest-clean,build)
 	cmake -S . -B build-asan -DKESTIL_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
 	cmake --build build-asan -j$(JOBS)
-	cd build-asan && ctest --output-on-failure -j$(JOBS)
+	$(call ctest-clean,build-asan)
 
 clean:
 	rm -rf build build-asan
