@@ -44,7 +44,14 @@ check: build
 	$(call ctest-clean,build-asan)
 
 clean:
-	rm -rf build build-asan
+	rm -rf build build-asan build-mutants
+
+# The mutation check: a sample of a fixed catalogue of mutants of the product code, each built
+# in build-mutants/ and run against the fast tests; writes tests/mutants.txt. See README, "Tests".
+# Not part of `make check`.
+.PHONY: mutants
+mutants: deps
+	python3 scripts/mutants.py --jobs $(JOBS)
 
 # The put-rate benchmark (about 2 minutes); not part of `make check`.
 .PHONY: bench-put
