@@ -6,7 +6,7 @@ table as without it. Loopback only (one simulator on its own address); every wai
 
     interrupt_check.py --bin-dir build/bin [--addr 127.0.10.1]
 """
-import argparse, os, random, re, shutil, signal, subprocess, sys, tempfile, time
+import argparse, atexit, os, random, re, shutil, signal, subprocess, sys, tempfile, time
 
 sys.dont_write_bytecode = True  # no cache files beside the sources
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -59,6 +59,7 @@ def main():
     opts = ap.parse_args()
     kestil = os.path.join(opts.bin_dir, "kestil")
     work = tempfile.mkdtemp(prefix="kestil-sigint.")
+    atexit.register(shutil.rmtree, work, ignore_errors=True)  # also when the simulator fails to start
     root, cwd = os.path.join(work, "root"), os.path.join(work, "client")
     os.makedirs(os.path.join(root, "sub"))
     os.makedirs(cwd)
@@ -132,7 +133,6 @@ def main():
             check(table(out) == table(quiet) and len(table(out)) > 1, name + ": the same table as without SIGINT")
     finally:
         sim.stop()
-        shutil.rmtree(work, ignore_errors=True)
     if failures:
         sys.exit("%d checks failed" % len(failures))
     print("interrupt checks: all passed")
