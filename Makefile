@@ -29,15 +29,30 @@ build: deps
 	cmake -S . -B build
 	cmake --build build -j$(JOBS)
 
+# ctest-clean BUILD_DIR: its tests, with TMPDIR a fresh folder that every test must leave empty.
+define ctest-clean
+	rm -rf $(1)/check-tmp && mkdir $(1)/check-tmp
+	cd $(1) && TMPDIR=$(CURDIR)/$(1)/check-tmp ctest --output-on-failure -j$(JOBS)
+	@if [ -n "$$(ls -A $(1)/check-tmp)" ]; then \
+	  echo "left in TMPDIR by the tests of $(1):"; ls -A $(1)/check-tmp; exit 1; fi
+endef
+
 check: build
 	scripts/check-format
-	cd build && ctest --output-on-failure -j$(JOBS)
+	$(call ctest-clean,build)
 	cmake -S . -B build-asan -DKESTIL_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
 	cmake --build build-asan -j$(JOBS)
-	cd build-asan && ctest --output-on-failure -j$(JOBS)
+	$(call ctest-clean,build-asan)
 
 clean:
-	rm -rf build build-asan build-deb
+	rm -rf build build-asan build-deb build-mutants
+
+# The mutation check: a sample of a fixed catalogue of mutants of the product code, each built
+# in build-mutants/ and run against the fast tests; writes tests/mutants.txt. See README, "Tests".
+# Not part of `make check`.
+.PHONY: mutants
+mutants: deps
+	python3 scripts/mutants.py --jobs $(JOBS)
 
 # The put-rate benchmark (about 2 minutes); not part of `make check`.
 .PHONY: bench-put

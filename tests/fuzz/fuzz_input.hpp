@@ -10,10 +10,11 @@
 
 namespace fz {
 
-// A fresh directory under /tmp named after `tag`, removed with all it holds when the process
-// exits. One per target.
+// A fresh directory under $TMPDIR (or /tmp) named after `tag`, removed with all it holds when
+// the process exits. One per target.
 inline std::string scratchDir(const std::string &tag) {
-  static std::string dir = "/tmp/kestil-fuzz-" + tag + ".XXXXXX";
+  const char *base = std::getenv("TMPDIR");
+  static std::string dir = std::string(base != nullptr ? base : "/tmp") + "/kestil-fuzz-" + tag + ".XXXXXX";
   if (mkdtemp(dir.data()) == nullptr) std::abort();
   std::atexit([] {
     std::error_code ec;

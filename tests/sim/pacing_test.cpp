@@ -112,24 +112,6 @@ TEST_F(SimPacing, AcknowledgementShowingALaterArrivalResendsTheHoleFirstAndNotWh
   EXPECT_EQ(got[1], sent);  // then the pass goes on; 8 and later are not resent
 }
 
-TEST_F(SimPacing, ThePassEndsWithRoundsOfUnacknowledgedBlocksThenWaitsForTheClient) {
-  start(171 * 8 * 1000, 141 * 15);  // blocks 1 to 15, lastBlk 16
-  advance(3);
-  uint32_t sent = static_cast<uint32_t>(blocks().size());
-  ASSERT_GE(sent, 2u);
-  ASSERT_LT(sent, 8u);
-  deliver(ack({static_cast<uint8_t>(0xFF00 >> sent)}));  // all of them arrived
-  advance(3000);
-  // The rest of the pass, then rounds of what is unacknowledged, 2048 datagrams in all, so that
-  // the client, which acknowledges every 256 blocks it takes in, answers; then silence.
-  std::vector<uint32_t> got = blocks();
-  uint32_t rest = 16 - sent;
-  ASSERT_EQ(got.size(), rest + 2048);
-  for (size_t i = 0; i < got.size(); ++i) EXPECT_EQ(got[i], sent + i % rest) << i;
-  advance(1000);
-  EXPECT_TRUE(blocks().empty());
-}
-
 // A client that is only behind still holds what it has not acknowledged, so a block goes out
 // again to fill only once it has been out half as long again as acknowledgements show blocks take.
 TEST_F(SimPacing, FillResendsABlockOnlyWhenOlderThanAcknowledgementsShowBlocksTake) {

@@ -7,7 +7,7 @@ record must be a partial download that can be continued; every round must end wi
 
     crash_soak.py --bin-dir build/bin --kills 100            # the long soak, ~20 minutes
 """
-import argparse, hashlib, os, random, select, shutil, signal, struct, subprocess, sys, tempfile, time
+import argparse, atexit, hashlib, os, random, select, shutil, signal, struct, subprocess, sys, tempfile, time
 
 STATE_SIZE = 2248
 VECTOR = struct.Struct("<IIIIIiii16s128s")  # the block vector, 20 bytes into the state record
@@ -103,6 +103,7 @@ def main():
     kestil = os.path.join(opts.bin_dir, "kestil")
     rng = random.Random(opts.seed)
     work = tempfile.mkdtemp(prefix="kestil-soak.")
+    atexit.register(shutil.rmtree, work, ignore_errors=True)  # also when the simulator fails to start
     root, cwd = os.path.join(work, "root"), os.path.join(work, "client")
     os.makedirs(root)
     os.makedirs(cwd)
@@ -153,7 +154,6 @@ def main():
                   flush=True)
     finally:
         sim.stop()
-        shutil.rmtree(work, ignore_errors=True)
     print("crash soak: %d kills in %d rounds (%d runs) of a %d-byte file at %s loss, seed %d, %.0f s; "
           "every round ended verified" % (kills, rounds, runs, opts.size, opts.loss, opts.seed,
                                             time.monotonic() - started), flush=True)

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -158,6 +159,11 @@ struct RemoteRun {
     }
     args.insert(args.begin(), {"-h", ip});
     child = start(dir, command, args);
+  }
+  ~RemoteRun() {  // a run left unfinished by a failed assertion does not outlive its test
+    if (child.pid <= 0) return;
+    kill(child.pid, SIGKILL);
+    kt::finish(child, 5000);
   }
   std::vector<uint8_t> recv(int timeoutMs = 5000) { return peer.recv(&client, timeoutMs); }
   void send(const std::vector<uint8_t> &d) { peer.send(d, client); }

@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -128,10 +129,29 @@ Result run(const std::string &cwd, const std::string &argv0, const std::vector<s
   return finish(child, timeoutMs);
 }
 
+namespace {
+
+// The directories makeTempDir made, removed with all they hold when the test process exits;
+// every test case runs in a process of its own, so this is the end of the test.
+struct TempDirs {
+  pid_t owner = getpid();
+  std::vector<std::string> paths;
+  ~TempDirs() {
+    std::error_code ec;
+    if (getpid() == owner)  // a forked child leaves them to the test
+      for (const std::string &p : paths) std::filesystem::remove_all(p, ec);
+  }
+};
+
+}  // namespace
+
 std::string makeTempDir() {
+  static TempDirs made;
   const char *base = std::getenv("TMPDIR");
   std::string templ = std::string(base != nullptr ? base : "/tmp") + "/kestil-test-XXXXXX";
-  return mkdtemp(templ.data()) != nullptr ? templ : std::string();
+  if (mkdtemp(templ.data()) == nullptr) return std::string();
+  made.paths.push_back(templ);
+  return templ;
 }
 
 std::string readFile(const std::string &path) {

@@ -74,7 +74,8 @@ long long nowMs();  // monotonic clock
 // True once the child has ended; it stays unreaped for finish().
 bool childEnded(pid_t pid);
 
-// A fresh empty directory under the system's temporary directory.
+// A fresh empty directory under $TMPDIR (or /tmp), removed with all it holds when the test
+// process exits.
 std::string makeTempDir();
 std::string readFile(const std::string &path);
 bool writeFile(const std::string &path, const std::string &content);
