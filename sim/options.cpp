@@ -74,6 +74,7 @@ const char *simUsage() {
          "                  [--pcap FILE]\n"
          "       kestil-sim --relay LISTEN_ADDR:PORT UPSTREAM_ADDR:PORT [link options] [--idle S] [-v] [--pcap FILE]\n"
          "link options: --rate BITS_PER_S --delay MS --loss P --dup P --reorder P --pass UP_S:DOWN_S --seed N\n"
+         "              --pass-start UNIX_S\n"
          "              (P is a fraction: 0.1 is 10%)\n";
 }
 
@@ -114,8 +115,9 @@ ParseOutcome parseSimOptions(int argc, const char *const *argv, SimOptions *opts
     };
     if (opt != "--root" && opt != "--addr" && opt != "--port" && opt != "--filemgr-port" && opt != "--queue" &&
         opt != "--rate" && opt != "--delay" && opt != "--loss" && opt != "--dup" && opt != "--reorder" &&
-        opt != "--pass" && opt != "--seed" && opt != "--idle" && opt != "--pace" && opt != "--pace-rate" &&
-        opt != "--ack-interval" && opt != "--ack-blocks" && opt != "--relay" && opt != "--pcap") {
+        opt != "--pass" && opt != "--pass-start" && opt != "--seed" && opt != "--idle" && opt != "--pace" &&
+        opt != "--pace-rate" && opt != "--ack-interval" && opt != "--ack-blocks" && opt != "--relay" &&
+        opt != "--pcap") {
       *error = "unknown option '" + std::string(argv[i]) + "'";
       return ParseOutcome::Error;
     }
@@ -147,6 +149,9 @@ ParseOutcome parseSimOptions(int argc, const char *const *argv, SimOptions *opts
       (opt == "--loss" ? opts->link.loss : opt == "--dup" ? opts->link.dup : opts->link.reorder) = p;
     } else if (opt == "--pass") {
       if (!parsePass(value, &opts->link.passUpS, &opts->link.passDownS)) return bad("UP_S:DOWN_S with UP_S above 0");
+    } else if (opt == "--pass-start") {
+      if (!parseUnsigned(value, INT64_MAX / 1000000, &n) || n == 0) return bad("seconds since the epoch");
+      opts->passStartUnixS = static_cast<int64_t>(n);
     } else if (opt == "--seed") {
       if (!parseUnsigned(value, UINT64_MAX, &n)) return bad("a non-negative integer");
       opts->link.seed = n;
