@@ -1,5 +1,7 @@
 # The whole set-up on a fresh Debian machine: `make check` and `make demo`.
 DEBIAN_PACKAGES := cmake g++ make pkg-config zlib1g-dev libmd-dev libgtest-dev libgmock-dev python3
+# kestil-pass keeps its ledger in SQLite.
+DEBIAN_PACKAGES += libsqlite3-dev
 # The formatting check of `make check`.
 DEBIAN_PACKAGES += clang-format
 # The package and its tests: building the .deb, reading the manual pages, completion, the dissector.
