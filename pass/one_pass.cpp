@@ -103,7 +103,8 @@ void loadReport(Pass &p, const Worker &w) {
   p.next = 0;
   p.haveReport = true;
   p.roundFetched = false;
-  if (!p.set.quiet) std::printf("queue report: %zu entries\n", p.entries.size());
+  if (!p.set.quiet)
+    std::printf("queue report: %zu %s\n", p.entries.size(), p.entries.size() == 1 ? "entry" : "entries");
 }
 
 // The listing holds every block: it is taken once its digest matches the metadata's, while
