@@ -1,6 +1,6 @@
 # The Debian package, packed from this build tree, unpacked into a scratch root with dpkg -x:
 # runtime dependencies only; the eleven command links, manual pages, completion and dissector;
-# its kestil-get, dlq-add and kestil-report work against its own kestil-sim.
+# its kestil-get, dlq-add, kestil-report and kestil-pass work against its own kestil-sim.
 source "$(dirname "$0")/lib.sh"
 ADDR=127.0.11.1
 
@@ -22,8 +22,9 @@ for name in kestil-get kestil-resume kestil-put kestil-ls kestil-rm kestil-repor
   [[ -f $root/usr/share/man/man1/$name.1 ]] || fail "no manual page for $name"
   [[ -f $root/usr/share/bash-completion/completions/$name ]] || fail "no completion for $name"
 done
-for f in usr/bin/kestil usr/bin/kestil-sim usr/share/man/man1/kestil.1 usr/share/man/man1/kestil-sim.1 \
-  usr/share/bash-completion/completions/kestil; do
+for f in usr/bin/kestil usr/bin/kestil-sim usr/bin/kestil-pass usr/share/man/man1/kestil.1 \
+  usr/share/man/man1/kestil-sim.1 usr/share/man/man1/kestil-pass.1 usr/share/bash-completion/completions/kestil \
+  usr/share/bash-completion/completions/kestil-pass; do
   [[ -f $root/$f ]] || fail "missing $f"
 done
 plugins=("$root"/usr/lib/*/wireshark/plugins/kestil.lua)
@@ -50,5 +51,8 @@ expect_eq "dlq-add output" "" "$out"
 
 timeout 60 kestil-report -h $ADDR -t 10 >report.out 2>&1 || fail "kestil-report: $(cat report.out)"
 grep -Eq "^0 +3 +1 +5000 +img/pic.bin$" report.out || fail "queue report: $(cat report.out)"
+
+timeout 60 kestil-pass -h $ADDR --archive archive --for 30 -q >pass.out 2>&1 || fail "kestil-pass: $(cat pass.out)"
+expect_eq "archived content" "$(md5_of "$WORK/served/img/pic.bin")" "$(md5_of archive/img/pic.bin)"
 stop_sim
 echo "package: pass"
