@@ -146,6 +146,7 @@ int passMain(const PassOptions &o) {
   std::string error;
   std::vector<PassWindow> windows;
   if (socket_resolve_host(o.host.c_str(), &s.target.sin_addr) == 0) return setupFailure("cannot resolve " + o.host);
+  if (o.untilMs != 0 && o.untilMs <= wallMs()) return setupFailure("--until " + formatUtc(o.untilMs) + " is past");
   if (!o.schedule.empty() && !readSchedule(o.schedule, &windows, &error)) return setupFailure(error);
   if (!prepareArchive(o.archive, &s, &error) || !takeArchiveLock(s.archive, &error)) return setupFailure(error);
   Ledger ledger;
@@ -196,6 +197,8 @@ int clearMain(const PassOptions &o) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  // A line at a time, also into a log file: an unattended run is read as it goes.
+  setvbuf(stdout, nullptr, _IOLBF, 0);
   PassOptions o;
   std::string error;
   switch (parsePassOptions(argc, argv, &o, &error)) {

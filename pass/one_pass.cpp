@@ -119,8 +119,10 @@ void reportEnded(Pass &p, const Worker &w, int64_t now) {
   if (latest && !p.haveReport && !p.stopping) {
     if (w.status == 0) {
       loadReport(p, w);
+    } else if (w.status == 11 || w.status == 12 || w.status == -1) {
+      beginStop(p, PassEnd::LossOfSignal, now);  // no answer, or no whole report, in time
     } else {
-      beginStop(p, PassEnd::LossOfSignal, now);
+      setupFailed(p, "the queue report could not be fetched (status " + std::to_string(w.status) + ")", now);
     }
   }
   unlink(inWork(p, w.reportName).c_str());
