@@ -4,6 +4,7 @@
 #include <dirent.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -26,6 +27,9 @@ constexpr int POLL_MS = 200;
 // Sessions still running this long after the pass ended are killed; a download is resumable
 // at any instant, and an interrupted one ends within a few seconds by itself.
 constexpr int64_t STOP_GRACE_MS = 20000;
+// A download still fetching is stopped this long before its window ends, so that its closing
+// acknowledgements reach the spacecraft while it is in view and its transfer ends there too.
+constexpr int64_t CLOSE_AHEAD_MS = 1000;
 
 struct Job {
   QueueEntry entry;
@@ -88,9 +92,12 @@ void clearWorkDir(const std::string &dir) {
   }
 }
 
+// The listing file of the pass's `n`th report.
+std::string reportName(const Pass &p, int n) { return "qreport." + std::to_string(p.row.id) + "." + std::to_string(n); }
+
 void startReport(Pass &p, int64_t now) {
   Worker w;
-  w.reportName = "qreport." + std::to_string(p.row.id) + "." + std::to_string(++p.reports);
+  w.reportName = reportName(p, ++p.reports);
   w.name = "queue report";
   p.haveReport = false;
   if (!spawnReport(&w, p.set.workDir, p.set.target, p.set.limits, p.set.timeoutS, now))
@@ -115,7 +122,7 @@ bool reportVerified(const Pass &p, const Worker &w) {
 }
 
 void reportEnded(Pass &p, const Worker &w, int64_t now) {
-  bool latest = w.reportName == "qreport." + std::to_string(p.row.id) + "." + std::to_string(p.reports);
+  bool latest = w.reportName == reportName(p, p.reports);
   if (latest && !p.haveReport && !p.stopping) {
     if (w.status == 0) {
       loadReport(p, w);
@@ -150,6 +157,11 @@ Outcome outcomeOf(const Worker &w, bool stopAsked) {
   }
 }
 
+uint64_t fileSize(const std::string &path) {
+  struct stat st {};
+  return stat(path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
+}
+
 int64_t nsOf(const KestilTimespec &t) { return static_cast<int64_t>(t.tv_sec) * 1000000000 + t.tv_nsec; }
 
 void saveOutcome(Pass &p, FileRow *row, uint64_t bytes, uint64_t datagrams, int64_t now) {
@@ -165,7 +177,10 @@ void downloadEnded(Pass &p, Worker &w, int64_t now) {
   p.inFlight.erase(job.entry.name);
   Outcome o = outcomeOf(w, *p.stop != 0);
   RecordView rec = readDownloadRecord(underArchive(p.set.archive, stateFileOf(job.plan.path)));
-  uint64_t held = o.state == FileState::Complete ? job.entry.size : rec.heldBytes;
+  // The bytes are the file's own; the row keeps the size the report gives, which is what the
+  // next report is compared with (a queue entry keeps the size its file had when queued).
+  uint64_t held =
+      o.state == FileState::Complete ? fileSize(underArchive(p.set.archive, job.plan.path.rel)) : rec.heldBytes;
   uint64_t bytes = held > w.heldBefore ? held - w.heldBefore : 0;
   if (rec.sized) job.modTimeNs = nsOf(rec.modTime);
   if (job.modTimeNs != 0) row.mtimeNs = job.modTimeNs;
@@ -214,7 +229,7 @@ void onWorkerEnded(Pass &p, Worker &w, int64_t now) {
 
 void onWorkerComplete(Pass &p, Worker &w) {
   if (w.kind == WorkerKind::Report) {
-    bool latest = w.reportName == "qreport." + std::to_string(p.row.id) + "." + std::to_string(p.reports);
+    bool latest = w.reportName == reportName(p, p.reports);
     if (latest && !p.haveReport && !p.stopping && reportVerified(p, w)) loadReport(p, w);
   } else if (w.kind == WorkerKind::Download) {
     // The record goes once the digest matches: its time is taken while it is there.
@@ -336,6 +351,14 @@ void tickBusy(Pass &p, int64_t now) {
   p.lastTickMs = now;
 }
 
+// The window ends with every entry of the last report taken and nothing cut off: only the
+// report that would look for new entries was still to come.
+bool nothingLeft(const Pass &p) {
+  bool fetching = std::any_of(p.workers.begin(), p.workers.end(),
+                              [](const Worker &w) { return w.kind == WorkerKind::Download && isReceiving(w); });
+  return p.reports > 1 && !fetching && p.next >= p.entries.size() && p.tally.partial == 0;
+}
+
 void killStragglers(Pass &p, int64_t now) {
   if (!p.stopping || p.killed || now - p.stopMs < STOP_GRACE_MS) return;
   p.killed = true;
@@ -385,7 +408,8 @@ int64_t wallMs() {
   return static_cast<int64_t>(t.tv_sec) * 1000 + t.tv_nsec / 1000000;
 }
 
-PassEnd runPass(const PassSettings &settings, Ledger &ledger, int64_t deadlineMs, const volatile sig_atomic_t *stop) {
+PassEnd runPass(const PassSettings &settings, Ledger &ledger, int64_t windowEndMs, const volatile sig_atomic_t *stop) {
+  const int64_t deadlineMs = windowEndMs == INT64_MAX ? windowEndMs : windowEndMs - CLOSE_AHEAD_MS;
   Pass p{.set = settings, .ledger = ledger};
   p.stop = stop;
   p.row.host = settings.host;
@@ -396,14 +420,14 @@ PassEnd runPass(const PassSettings &settings, Ledger &ledger, int64_t deadlineMs
   }
   clearWorkDir(settings.workDir);
   int64_t now = monotonicMs();
-  announce(p, deadlineMs, now);
+  announce(p, windowEndMs, now);
   p.lastTickMs = now;
   startReport(p, now);
   for (;;) {
     now = monotonicMs();
     tickBusy(p, now);
     if (*stop != 0) beginStop(p, PassEnd::Interrupted, now);
-    if (now >= deadlineMs) beginStop(p, PassEnd::WindowEnded, now);
+    if (now >= deadlineMs) beginStop(p, nothingLeft(p) ? PassEnd::Drained : PassEnd::WindowEnded, now);
     advance(p, now);
     if (p.stopping && p.workers.empty()) break;
     killStragglers(p, now);

@@ -32,9 +32,9 @@ const char *passEndText(PassEnd end);
 // 0 drained, 1 a set-up failure (archive or ledger), 2 window ended, 3 loss of signal, 4 interrupted.
 int passExitStatus(PassEnd end);
 
-// Runs one pass until `deadlineMs` on the monotonic clock (INT64_MAX: no window) or another
-// end; `stop` is the flag the interrupt handler sets.
-PassEnd runPass(const PassSettings &settings, Ledger &ledger, int64_t deadlineMs, const volatile sig_atomic_t *stop);
+// Runs one pass until its window ends at `windowEndMs` on the monotonic clock (INT64_MAX: no
+// window) or another end; `stop` is the flag the interrupt handler sets.
+PassEnd runPass(const PassSettings &settings, Ledger &ledger, int64_t windowEndMs, const volatile sig_atomic_t *stop);
 
 int64_t monotonicMs();
 int64_t wallMs();

@@ -68,10 +68,11 @@ kt::Result pass(const simt::Served &sim, const std::string &line, int ms = 60000
 }
 
 TEST(SimPass, AScheduleDrainsTheQueueAcrossLossyPassesContinuingPartialFiles) {
-  // 800 kbit/s, 5% loss each way: some 75 kB a second, so the 2 MiB file spans three passes.
-  const int64_t t0 = time(nullptr) + 2, up = 8, down = 4;
-  simt::Served sim("127.0.40.10", {"--rate", "800000", "--loss", "0.05", "--seed", "3", "--pass", "8:4", "--pass-start",
-                                   std::to_string(t0), "--idle", "2"});
+  // 600 kbit/s, 5% loss each way: some 58 kB a second, so the 2 MiB file spans three or four of
+  // the seven passes of 12 s, with room for a loaded host.
+  const int64_t t0 = time(nullptr) + 2, up = 12, down = 1, passes = 7;
+  simt::Served sim("127.0.40.10", {"--rate", "600000", "--loss", "0.05", "--seed", "3", "--pass", "12:1",
+                                   "--pass-start", std::to_string(t0), "--idle", "6"});
   ASSERT_TRUE(sim.ready) << sim.err;
   const std::string big = kt::patternBytes(2 << 20, 1);
   serve(sim, {{"big/img.raw", big, 1, 5},
@@ -84,18 +85,18 @@ TEST(SimPass, AScheduleDrainsTheQueueAcrossLossyPassesContinuingPartialFiles) {
                             kt::readFile(sim.root + "/.kestil-sim.qdata") + queueRecord({"../outside.bin", "", 3, 0})));
   ASSERT_TRUE(sim.restart());
   std::string schedule;
-  for (int64_t k = 0; k < 5; ++k)
+  for (int64_t k = 0; k < passes; ++k)
     schedule += formatUtc((t0 + k * (up + down)) * 1000) + " " + formatUtc((t0 + k * (up + down) + up) * 1000) + "\n";
   ASSERT_TRUE(kt::writeFile(sim.dir + "/schedule", schedule));
 
-  kt::Child run = kt::start(sim.dir, "kestil-pass",
-                            kt::words("-h " + sim.addr + " --archive arch --schedule schedule -t 3"), KESTIL_PASS_BIN);
+  kt::Child run = kt::start(sim.dir, "kestil-pass", kt::words("-h " + sim.addr + " --archive arch --schedule schedule"),
+                            KESTIL_PASS_BIN);
   ASSERT_TRUE(simt::eventually([&] { return !kt::readFile(sim.dir + "/arch/.kestil-pass.lock").empty(); }, 5000));
   kt::Result second = pass(sim, "--for 5");
   EXPECT_EQ(second.status, 1);
   EXPECT_EQ(second.err, "kestil-pass: another kestil-pass (pid " + std::to_string(run.pid) + ") is working on " +
                             fs::canonical(sim.dir + "/arch").string() + "\n");
-  kt::Result r = kt::finish(run, 100000);
+  kt::Result r = kt::finish(run, 110000);
   ASSERT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_NE(r.out.find("../outside.bin: refused, a \"..\" component would leave the archive\n"), std::string::npos);
 
@@ -117,7 +118,7 @@ TEST(SimPass, AScheduleDrainsTheQueueAcrossLossyPassesContinuingPartialFiles) {
     }
   }
   EXPECT_EQ(states, (std::map<std::string, int>{{"complete", 5}, {"refused", 1}}));
-  EXPECT_EQ(ledgerPasses(ledger).size(), 5u);
+  EXPECT_EQ(ledgerPasses(ledger).size(), static_cast<size_t>(passes));
   // The big file came down over several passes, each continuing the last: nowhere near
   // twice the blocks it needs.
   uint64_t passesWithBytes = 0, bytes = 0, datagrams = 0;

@@ -93,14 +93,13 @@ def main():
     root = os.path.join(work, "root")
     sums = make_queue(root, rng, opts.files, opts.max_size)
     sim = subprocess.Popen([os.path.join(bindir, "kestil-sim"), "--root", root, "--addr", opts.addr, "--rate", "800000",
-                            "--loss", opts.loss, "--seed", str(opts.seed), "--idle", "3"],
+                            "--loss", opts.loss, "--seed", str(opts.seed)],
                            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
     groups = []  # each run in a process group of its own, so that its sessions can be waited for
 
     def run(archive, kill_after, limit=120):
-        proc = subprocess.Popen([os.path.join(bindir, "kestil-pass"), "-h", opts.addr, "--archive", archive, "-t", "3",
-                                 "-q"], cwd=work, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
-                                start_new_session=True)
+        proc = subprocess.Popen([os.path.join(bindir, "kestil-pass"), "-h", opts.addr, "--archive", archive, "-q"],
+                                cwd=work, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, start_new_session=True)
         groups.append(proc.pid)
         try:
             proc.wait(kill_after if kill_after is not None else limit)
