@@ -95,18 +95,30 @@ fuzz: deps
 	done
 
 # The long crash soak: at least 100 SIGKILLs of downloads of a 2 MiB file through a lossy
-# kestil-sim link (about 20 minutes); `make check` runs a short one.
+# kestil-sim link (about 20 minutes), then 100 SIGKILLs of kestil-pass drains (about 15
+# minutes); `make check` runs short ones.
 .PHONY: soak
 soak: build
 	python3 tests/soak/crash_soak.py --bin-dir build/bin --kills 100
+	python3 tests/soak/pass_soak.py --bin-dir build/bin --kills 100
 
 # Benchmarks against uftp and atftp on loopback, through kestil-sim's emulated links (about
-# 30 minutes); writes bench/results/latest.json, results.md and ratios.png. Not part of `make check`.
+# 30 minutes); writes bench/results/latest.json, results.md and ratios.png; then kestil-pass's
+# simulated day (below). Not part of `make check`.
 BENCH_PACKAGES := uftp atftp atftpd gnuplot-nox time
 .PHONY: bench
 bench: deps
 	$(call install-missing,$(BENCH_PACKAGES))
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF
-	cmake --build build-bench -j$(JOBS) --target kestil kestil-sim raw_udp_bench
+	cmake --build build-bench -j$(JOBS) --target kestil kestil-sim kestil-pass raw_udp_bench
 	timeout 2400 python3 bench/run_bench.py --bin build-bench/bin --runs 3 --out bench/results
 	@cat bench/results/results.md
+	$(MAKE) bench-pass-day
+
+# The simulated day of kestil-pass (about 18 minutes): six passes of 120 s up, 60 s down, at
+# 19.2 kbit/s with 10% loss each way; writes bench/results/pass_day.json.
+.PHONY: bench-pass-day
+bench-pass-day: deps
+	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF
+	cmake --build build-bench -j$(JOBS) --target kestil-sim kestil-pass
+	timeout 1500 python3 bench/pass_day.py --bin build-bench/bin --out bench/results/pass_day.json

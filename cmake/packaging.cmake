@@ -1,4 +1,4 @@
-# Installation. `cmake --install` puts kestil and kestil-sim in the binary directory with the
+# Installation. `cmake --install` puts kestil, kestil-pass and kestil-sim in the binary directory with the
 # eleven command names as symbolic links to kestil, the manual pages, the bash completion and
 # the Wireshark dissector. The Debian package (debian/, `make deb`) takes exactly this tree,
 # so an executable or page installed here is packaged without a change to debian/.
@@ -38,14 +38,14 @@ foreach(name IN LISTS KESTIL_COMMAND_NAMES)
   list(APPEND kestil_man_links ${kestil_link_dir}/man1/${name}.1)
 endforeach()
 # bash-completion loads a command's completion by the command's name.
-foreach(name IN LISTS KESTIL_COMMAND_NAMES ITEMS kestil-sim)
+foreach(name IN LISTS KESTIL_COMMAND_NAMES ITEMS kestil-sim kestil-pass)
   file(CREATE_LINK kestil ${kestil_link_dir}/completions/${name} SYMBOLIC)
   list(APPEND kestil_completion_links ${kestil_link_dir}/completions/${name})
 endforeach()
 
-install(TARGETS kestil kestil-sim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS kestil kestil-sim kestil-pass RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${kestil_bin_links} DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(FILES doc/kestil.1 doc/kestil-sim.1 ${kestil_man_links} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES doc/kestil.1 doc/kestil-sim.1 doc/kestil-pass.1 ${kestil_man_links} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES contrib/bash-completion/kestil ${kestil_completion_links} DESTINATION ${KESTIL_BASH_COMPLETIONDIR})
 install(FILES contrib/wireshark/kestil.lua DESTINATION ${KESTIL_WIRESHARK_PLUGINDIR})
 install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})

@@ -37,7 +37,7 @@ void enqueue(LinkDirection *dir, int64_t dueUs, const uint8_t *bytes, int len, c
 void linkInit(LinkDirection *dir, const LinkConfig &cfg, uint64_t salt, int64_t startUs) {
   dir->cfg = cfg;
   dir->rng = cfg.seed ^ (salt * 0xD6E8FEB86659FD93ull);
-  dir->startUs = startUs;
+  dir->startUs = cfg.passStartUs != 0 ? cfg.passStartUs : startUs;
   dir->wireFreeUs = startUs;
   dir->seq = 0;
   dir->queue.clear();
@@ -45,9 +45,10 @@ void linkInit(LinkDirection *dir, const LinkConfig &cfg, uint64_t salt, int64_t 
 
 bool linkIsUp(const LinkConfig &cfg, int64_t startUs, int64_t nowUs) {
   if (cfg.passDownS == 0) return true;
+  // Before its first pass the spacecraft has not risen yet.
+  if (nowUs < startUs) return false;
   int64_t period = (static_cast<int64_t>(cfg.passUpS) + cfg.passDownS) * 1000000;
   int64_t phase = (nowUs - startUs) % period;
-  if (phase < 0) phase += period;
   return phase < static_cast<int64_t>(cfg.passUpS) * 1000000;
 }
 

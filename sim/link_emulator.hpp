@@ -19,6 +19,7 @@ struct LinkConfig {
   uint32_t passDownS = 0;  // 0: always up
   uint64_t seed = 1;
   uint32_t queueLimitMs = 1000;  // a datagram that would wait longer for the wire is dropped
+  int64_t passStartUs = 0;       // the first pass's start on the link's clock; 0: when the link starts
 };
 
 // Bytes of IP and UDP header counted against the rate for every datagram.

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 #include "queue/downlink_queue.hpp"
@@ -145,6 +146,13 @@ int main(int argc, char **argv) {
   if (!opts.queueFile.empty() && opts.queueFile[0] != '/') {
     char cwd[PATH_MAX];
     if (getcwd(cwd, sizeof cwd) != nullptr) opts.queueFile = std::string(cwd) + "/" + opts.queueFile;
+  }
+  // The first pass is given in wall-clock time; the link keeps time on the monotonic clock.
+  if (opts.passStartUnixS != 0) {
+    timespec wall{};
+    clock_gettime(CLOCK_REALTIME, &wall);
+    int64_t wallUs = static_cast<int64_t>(wall.tv_sec) * 1000000 + wall.tv_nsec / 1000;
+    opts.link.passStartUs = monotonicUs() + (opts.passStartUnixS * 1000000 - wallUs);
   }
   DBG_init("kestil-sim");
   DBG_setLevel(4);

@@ -129,6 +129,10 @@ const SimOptionRow OPTION_ROWS[] = {
      [](const char *v, SimOptions *o) -> const char * {
        return parsePass(v, &o->link.passUpS, &o->link.passDownS) ? nullptr : "UP_S:DOWN_S with UP_S above 0";
      }},
+    {"--pass-start", "UNIX_S", "link: the first pass starts at this wall-clock time (default: at start-up)",
+     [](const char *v, SimOptions *o) {
+       return storeUnsigned<INT64_MAX / 1000000>(v, 1, &o->passStartUnixS, "seconds since the epoch");
+     }},
     {"--seed", "N", "link: seed of the loss, duplication and reordering draws",
      [](const char *v, SimOptions *o) {
        return storeUnsigned<UINT64_MAX>(v, 0, &o->link.seed, "a non-negative integer");

@@ -16,6 +16,7 @@ struct SimOptions {
   uint16_t filemgrPort = 3224;  // file-manager service
   std::string queueFile;        // empty: the default inside the root
   LinkConfig link;
+  int64_t passStartUnixS = 0;    // --pass-start: the first pass's start, seconds since the epoch; 0: start-up
   bool verbose = false;          // -v: the protocol trace on standard output
   std::string pcapPath;          // --pcap: capture file of every datagram; empty: none
   uint32_t idleS = 60;           // a transfer with no datagram for this long is dropped

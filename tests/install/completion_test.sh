@@ -41,5 +41,6 @@ expect_eq "kestil ls -o" "a ar r" "$(complete_line "kestil ls -o ")"
 expect_eq "kestil-lsread" "dirlisting.2026-11-23_07:53:24.abc123" "$(complete_line "kestil-lsread ")"
 # Readline replaces only the part after the last colon.
 expect_eq "kestil-lsread with a colon" "53:24.abc123" "$(complete_line "kestil-lsread dirlisting.2026-11-23_07:5")"
-expect_eq "kestil-sim --p" "--pace --pace-rate --pass --pcap --port" "$(complete_line "kestil-sim --p")"
+expect_eq "kestil-sim --p" "--pace --pace-rate --pass --pass-start --pcap --port" "$(complete_line "kestil-sim --p")"
+expect_eq "kestil-pass --s" "--schedule --status" "$(complete_line "kestil-pass --s")"
 echo "completion: pass"

@@ -1,8 +1,8 @@
 # Both manual pages render without a single groff warning, and they keep up with the
 # programs: every command of the usage list has its section in kestil(1) naming each of
-# its options, and every option of kestil-sim's usage is in kestil-sim(1).
+# its options, and every option of kestil-sim's and kestil-pass's usage is in its own page.
 source "$(dirname "$0")/lib.sh"
-for page in kestil.1 kestil-sim.1; do
+for page in kestil.1 kestil-sim.1 kestil-pass.1; do
   warnings=$(groff -ww -z -man "$SOURCE_DIR/doc/$page" 2>&1) || fail "groff failed on $page"
   expect_eq "groff warnings for $page" "" "$warnings"
 done
@@ -23,8 +23,10 @@ while read -r name help; do
 done < <("$BUILD_DIR/bin/kestil" | tail -n +2)
 expect_eq "commands in the usage list" 11 "$commands"
 
-sim_page=$(cat "$SOURCE_DIR/doc/kestil-sim.1")
-for opt in $("$BUILD_DIR/bin/kestil-sim" --help | grep -o -- '--[a-z-]*' | sort -u); do
-  [[ $sim_page == *"${opt//-/\\-}"* ]] || fail "kestil-sim(1) does not describe $opt"
+for tool in kestil-sim kestil-pass; do
+  tool_page=$(cat "$SOURCE_DIR/doc/$tool.1")
+  for opt in $("$BUILD_DIR/bin/$tool" --help | grep -o -- '--[a-z-]*' | sort -u); do
+    [[ $tool_page == *"${opt//-/\\-}"* ]] || fail "$tool(1) does not describe $opt"
+  done
 done
 echo "manpages: pass"

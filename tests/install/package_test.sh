@@ -25,10 +25,11 @@ for name in kestil-get kestil-resume kestil-put kestil-ls kestil-rm kestil-repor
   expect_eq "manual page link $name" kestil.1.gz "$(readlink "$man1/$name.1.gz")"
   [[ -f $root/usr/share/bash-completion/completions/$name ]] || fail "no completion for $name"
 done
-for page in kestil-get kestil-sim; do
+for page in kestil-get kestil-sim kestil-pass; do
   man -l "$man1/$page.1.gz" 2>&1 | grep -q "^NAME" || fail "man cannot show $page"
 done
-for f in usr/bin/kestil usr/bin/kestil-sim usr/share/bash-completion/completions/kestil; do
+for f in usr/bin/kestil usr/bin/kestil-sim usr/bin/kestil-pass usr/share/bash-completion/completions/kestil \
+  usr/share/bash-completion/completions/kestil-pass; do
   [[ -f $root/$f ]] || fail "missing $f"
 done
 plugins=("$root"/usr/lib/*/wireshark/plugins/kestil.lua)

@@ -5,7 +5,7 @@ prefix=$WORK/opt/kestil
 cmake --install "$BUILD_DIR" --prefix "$prefix" >"$WORK/install.log" 2>&1 || fail "install: $(cat "$WORK/install.log")"
 mv "$prefix" "$WORK/moved"
 bin=$WORK/moved/bin
-[[ -x $bin/kestil-sim ]] || fail "kestil-sim not installed"
+[[ -x $bin/kestil-sim && -x $bin/kestil-pass ]] || fail "kestil-sim or kestil-pass not installed"
 # Each name answers with its own command's synopsis or usage line.
 expect_eq "kestil-progress" "Usage: progress <file>" "$(cd "$WORK" && timeout 10 "$bin/kestil-progress")"
 expect_eq "kestil-lsread" "Usage: lsread [-upload <mission>] <input file>" "$(cd "$WORK" && timeout 10 "$bin/kestil-lsread")"

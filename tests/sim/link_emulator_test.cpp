@@ -83,9 +83,14 @@ TEST(LinkEmulator, DuplicatesArriveTwiceAndHeldBackOnesBehindLaterDatagrams) {
 TEST(LinkEmulator, PassScheduleDropsWhileDownIncludingWhatWaitsForTheWire) {
   const LinkConfig pass{.passUpS = 2, .passDownS = 3};
   const int64_t s = 1000000;  // the schedule starts with the link
-  for (auto [at, up] :
-       {std::pair{1999999, true}, {2000000, false}, {4999999, false}, {5000000, true}, {7500000, false}})
-    EXPECT_EQ(linkIsUp(pass, s, s + at), up) << at;
+  for (auto [at, up] : {std::pair{-1, false},
+                        {0, true},
+                        {1999999, true},
+                        {2000000, false},
+                        {4999999, false},
+                        {5000000, true},
+                        {7500000, false}})
+    EXPECT_EQ(linkIsUp(pass, s, s + at), up) << at;  // down before the first pass
 
   // 100 ms per datagram: the eleventh would start at 1 s, out of view.
   LinkDirection dir = make({.rateBps = 8000, .passUpS = 1, .passDownS = 1, .queueLimitMs = 5000});
@@ -93,6 +98,10 @@ TEST(LinkEmulator, PassScheduleDropsWhileDownIncludingWhatWaitsForTheWire) {
   EXPECT_EQ(fates[9], LinkFate::Delivered);
   EXPECT_EQ(fates[10], LinkFate::LostPass);
   EXPECT_EQ(submit(&dir, {2000000}, 72)[0], LinkFate::Delivered);  // the next pass
+
+  // A first pass set for later (--pass-start) holds the link down until then.
+  LinkDirection later = make({.passUpS = 1, .passDownS = 1, .passStartUs = 3000000});
+  EXPECT_EQ(submit(&later, {2999999, 3000000}, 72), (std::vector{LinkFate::LostPass, LinkFate::Delivered}));
 }
 
 }  // namespace

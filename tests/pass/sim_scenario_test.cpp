@@ -1,0 +1,167 @@
+// kestil-pass against kestil-sim: a queue of mixed files over groups and priorities drained
+// across the passes of a schedule through a lossy link, partial files continued, not
+// restarted; and, on a clean link, removal from the queue of what is complete and the
+// keeping of an earlier version. Every file is checked with MD5 and against the ledger.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <map>
+
+#include "pass/ledger.hpp"
+#include "pass/schedule.hpp"
+#include "tests/support/sim_process.hpp"
+
+#ifndef KESTIL_PASS_BIN
+#error "KESTIL_PASS_BIN must name the kestil-pass executable"
+#endif
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Queued {
+  std::string name;
+  std::string content;  // written under the root unless the name leaves it
+  uint8_t group, priority;
+};
+
+// The queue data file of the simulator: 16-bit native entry length, name, NUL, group, priority, flags.
+std::string queueRecord(const Queued &q) {
+  uint16_t len = static_cast<uint16_t>(q.name.size() + 4);
+  return std::string(reinterpret_cast<const char *>(&len), 2) + q.name + '\0' + char(q.group) + char(q.priority) + '\0';
+}
+
+std::vector<std::string> queuedNames(const std::string &qdata) {
+  std::vector<std::string> names;
+  for (size_t at = 0; at + 2 <= qdata.size();) {
+    uint16_t len = 0;
+    std::memcpy(&len, qdata.data() + at, 2);
+    names.push_back(qdata.substr(at + 2).c_str());
+    at += 2 + len;
+  }
+  return names;
+}
+
+void serve(const simt::Served &sim, const std::vector<Queued> &queue) {
+  std::string qdata;
+  for (const Queued &q : queue) {
+    fs::create_directories(fs::path(sim.root + "/" + q.name).parent_path());
+    ASSERT_TRUE(kt::writeFile(sim.root + "/" + q.name, q.content));
+    qdata += queueRecord(q);
+  }
+  ASSERT_TRUE(kt::writeFile(sim.root + "/.kestil-sim.qdata", qdata));
+}
+
+// The archive's files, kestil-pass's own left out: relative name to content.
+std::map<std::string, std::string> archived(const std::string &archive) {
+  std::map<std::string, std::string> files;
+  for (const auto &e : fs::recursive_directory_iterator(archive))
+    if (std::string rel = fs::relative(e.path(), archive); e.is_regular_file() && !rel.starts_with(".kestil-pass"))
+      files[rel] = kt::readFile(e.path());
+  return files;
+}
+
+kt::Result pass(const simt::Served &sim, const std::string &line, int ms = 60000) {
+  return kt::run(sim.dir, "kestil-pass", kt::words("-h " + sim.addr + " --archive arch " + line), ms, KESTIL_PASS_BIN);
+}
+
+TEST(SimPass, AScheduleDrainsTheQueueAcrossLossyPassesContinuingPartialFiles) {
+  // 600 kbit/s, 5% loss each way: some 58 kB a second, so the 2 MiB file spans three or four of
+  // the seven passes of 12 s, with room for a loaded host.
+  const int64_t t0 = time(nullptr) + 2, up = 12, down = 1, passes = 7;
+  simt::Served sim("127.0.40.10", {"--rate", "600000", "--loss", "0.05", "--seed", "3", "--pass", "12:1",
+                                   "--pass-start", std::to_string(t0), "--idle", "6"});
+  ASSERT_TRUE(sim.ready) << sim.err;
+  const std::string big = kt::patternBytes(2 << 20, 1);
+  serve(sim, {{"big/img.raw", big, 1, 5},
+              {"small/a.txt", kt::patternBytes(5000, 2), 1, 2},
+              {"small/b.txt", kt::patternBytes(20000, 3), 1, 9},
+              {"one.bin", kt::patternBytes(141, 4), 2, 0},
+              {"empty.bin", "", 0, 0}});
+  ASSERT_TRUE(kt::writeFile(sim.dir + "/outside.bin", "x"));  // queued, and refused: it leaves the root
+  ASSERT_TRUE(kt::writeFile(sim.root + "/.kestil-sim.qdata",
+                            kt::readFile(sim.root + "/.kestil-sim.qdata") + queueRecord({"../outside.bin", "", 3, 0})));
+  ASSERT_TRUE(sim.restart());
+  std::string schedule;
+  for (int64_t k = 0; k < passes; ++k)
+    schedule += formatUtc((t0 + k * (up + down)) * 1000) + " " + formatUtc((t0 + k * (up + down) + up) * 1000) + "\n";
+  ASSERT_TRUE(kt::writeFile(sim.dir + "/schedule", schedule));
+
+  kt::Child run = kt::start(sim.dir, "kestil-pass", kt::words("-h " + sim.addr + " --archive arch --schedule schedule"),
+                            KESTIL_PASS_BIN);
+  ASSERT_TRUE(simt::eventually([&] { return !kt::readFile(sim.dir + "/arch/.kestil-pass.lock").empty(); }, 5000));
+  kt::Result second = pass(sim, "--for 5");
+  EXPECT_EQ(second.status, 1);
+  EXPECT_EQ(second.err, "kestil-pass: another kestil-pass (pid " + std::to_string(run.pid) + ") is working on " +
+                            fs::canonical(sim.dir + "/arch").string() + "\n");
+  kt::Result r = kt::finish(run, 110000);
+  ASSERT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_NE(r.out.find("../outside.bin: refused, a \"..\" component would leave the archive\n"), std::string::npos);
+
+  std::map<std::string, std::string> files = archived(sim.dir + "/arch");
+  ASSERT_EQ(files.size(), 5u);
+  for (const auto &[name, content] : files)
+    EXPECT_EQ(kt::md5Hex(content), kt::md5Hex(kt::readFile(sim.root + "/" + name)));
+
+  Ledger ledger;
+  std::string error;
+  ASSERT_TRUE(ledgerOpen(sim.dir + "/arch/.kestil-pass.db", false, &ledger, &error)) << error;
+  std::map<std::string, int> states;
+  int64_t bigId = 0;
+  for (const FileRow &f : ledgerFiles(ledger)) {
+    states[fileStateName(f.state)]++;
+    if (f.remote == "big/img.raw") bigId = f.id;
+    if (f.state == FileState::Complete) {
+      EXPECT_EQ(kt::md5Hex(files.at(f.local)), f.md5);
+    }
+  }
+  EXPECT_EQ(states, (std::map<std::string, int>{{"complete", 5}, {"refused", 1}}));
+  EXPECT_EQ(ledgerPasses(ledger).size(), static_cast<size_t>(passes));
+  // The big file came down over several passes, each continuing the last: nowhere near
+  // twice the blocks it needs.
+  uint64_t passesWithBytes = 0, bytes = 0, datagrams = 0;
+  for (const FilePassBytes &b : ledgerFilePassBytes(ledger)) {
+    if (b.fileId != bigId) continue;
+    passesWithBytes += b.bytes > 0;
+    bytes += b.bytes;
+    datagrams += b.datagrams;
+  }
+  EXPECT_GE(passesWithBytes, 2u);
+  EXPECT_EQ(bytes, big.size());
+  EXPECT_LT(datagrams, 2 * (big.size() / 141 + 1));
+  ledgerClose(&ledger);
+  EXPECT_EQ(sim.stop(), 0);
+}
+
+TEST(SimPass, ConfirmRemovesWhatIsCompleteAndANewVersionKeepsTheEarlierOne) {
+  simt::Served sim("127.0.40.11");
+  ASSERT_TRUE(sim.ready) << sim.err;
+  serve(sim, {{"d/a.txt", kt::patternBytes(1000, 5), 0, 0}, {"b.txt", kt::patternBytes(3000, 6), 4, 1}});
+  ASSERT_TRUE(kt::writeFile(sim.dir + "/outside.bin", "x"));
+  ASSERT_TRUE(kt::writeFile(sim.root + "/.kestil-sim.qdata",
+                            kt::readFile(sim.root + "/.kestil-sim.qdata") + queueRecord({"../outside.bin", "", 3, 0})));
+  ASSERT_TRUE(sim.restart());
+  kt::Result first = pass(sim, "--confirm --for 30");
+  ASSERT_EQ(first.status, 0) << first.out << first.err;
+  EXPECT_EQ(queuedNames(kt::readFile(sim.root + "/.kestil-sim.qdata")), std::vector<std::string>{"../outside.bin"});
+
+  // A new version, queued again: the archived one stays beside it under a suffixed name.
+  ASSERT_TRUE(kt::writeFile(sim.root + "/d/a.txt", kt::patternBytes(1500, 7)));
+  ASSERT_EQ(sim.run(sim.dir, "dlq-add", {"d/a.txt"}).status, 0);
+  kt::Result second = pass(sim, "--for 30 -q");
+  ASSERT_EQ(second.status, 0) << second.out << second.err;
+  EXPECT_TRUE(second.out.starts_with("pass 2 ended (drained) after ")) << second.out;
+  EXPECT_NE(second.out.find(": 1 complete, 0 partial, 0 failed, 1 refused, 0 held before; 1500 bytes"),
+            std::string::npos)
+      << second.out;
+  std::map<std::string, std::string> files = archived(sim.dir + "/arch");
+  EXPECT_EQ(files["d/a.txt"], kt::patternBytes(1500, 7));
+  EXPECT_EQ(files["d/a.txt.~1~"], kt::patternBytes(1000, 5));
+  kt::Result status = kt::run(sim.dir, "kestil-pass", {"--status", "--archive", "arch"}, 5000, KESTIL_PASS_BIN);
+  EXPECT_TRUE(status.out.starts_with("files: 2 complete, 0 partial, 0 failed, 1 refused, 1 earlier versions\n"))
+      << status.out;
+}
+
+}  // namespace
