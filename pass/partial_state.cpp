@@ -8,7 +8,7 @@
 #include <cstddef>
 
 #include "client/state_file.hpp"
-#include "common/packet.hpp"
+#include "common/digest.hpp"
 
 namespace {
 
