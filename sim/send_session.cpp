@@ -46,21 +46,31 @@ bool everSent(const SendSession *s, uint32_t blk) {
 
 // Rounds over what is sent but unacknowledged fill the wire that would otherwise stand idle
 // until the client's next acknowledgement (up to 2 s away): at the end of the file, or while a
-// lost block at the base holds the window. The client acknowledges after 256 blocks taken in,
-// duplicates included, so this many fill datagrams bring several acknowledgements even when
-// half the datagrams each way are lost, where waiting would take the client's 2 s timer; then
-// the session waits. On a slow link the client's timer answers long before the budget is
-// spent. Filling starts once the client has acknowledged anything; a round skips what was
-// resent during it.
-constexpr uint32_t FILL_PER_ACK = 2048;
-// A block is only sent again to fill once it has been out half as long again as the
-// acknowledgements' age: a client on a fast link that is simply behind still holds it in its
-// socket buffer, and a copy would only lengthen that queue (most of the loopback throughput
-// went to such copies). The floor covers the first acknowledgements and jitter.
-constexpr int64_t FILL_AGE_FLOOR_US = 5000;
+// lost block at the base holds the window. They are held to a budget of datagrams sent since
+// the newest arrival the client reported, counted from what its acknowledgements say, never
+// from the clock. The client acknowledges after taking in this many datagrams, copies
+// included: when that many have gone out since the newest arrival it reported, its next
+// acknowledgement is on the way whether or not it is behind, and a copy would only lengthen
+// its queue.
+constexpr uint32_t CLIENT_ACK_DATAGRAMS = 256;
+// The budget covers as many of those acknowledgements as it takes for at least one to cross
+// a link that loses as much as the sends do, short of this chance of losing them all; a
+// lossless link needs one.
+constexpr double ACK_MISS_CHANCE = 0.05;
+constexpr uint32_t MAX_ACKS_AHEAD = 8;
+// The loss estimate weighs about this many recent sends.
+constexpr double LOSS_MEMORY_SENDS = 4096;
 
-int64_t fillDueUs(const SendSession *s, uint32_t blk) {
-  return stampOf(s, blk).sentUs + s->ackAgeUs + s->ackAgeUs / 2 + FILL_AGE_FLOOR_US;
+double lossShare(const SendSession *s) {
+  if (s->sendsSettled <= 0.0) return 0.0;
+  return std::min(0.9, s->sendsLost / s->sendsSettled);
+}
+
+uint64_t fillBudget(const SendSession *s) {
+  double loss = lossShare(s);
+  uint32_t acks = 1;
+  for (double miss = loss; miss > ACK_MISS_CHANCE && acks < MAX_ACKS_AHEAD; miss *= loss) acks++;
+  return static_cast<uint64_t>(acks * CLIENT_ACK_DATAGRAMS / (1.0 - loss));
 }
 
 bool fillCandidate(const SendSession *s, uint32_t blk) {
@@ -70,42 +80,29 @@ bool fillCandidate(const SendSession *s, uint32_t blk) {
 void startFillRound(SendSession *s) {
   s->fillRound++;
   s->fillSentInRound = 0;
-  s->fillSkippedInRound = false;
   s->fillNext = s->tx.rxVec.blkNumBase;
 }
 
-// False with `fillWakeUs` set when only blocks too young to resend are left for now.
-bool pickFill(SendSession *s, uint32_t end, int64_t now, uint32_t *blk) {
-  s->fillWakeUs = 0;
-  for (int attempt = 0; attempt < 2 && s->fillSentSinceAck < FILL_PER_ACK; ++attempt) {
+bool pickFill(SendSession *s, uint32_t end, uint32_t *blk) {
+  if (s->sendCount - s->fillFrom >= fillBudget(s)) return false;
+  for (int attempt = 0; attempt < 2; ++attempt) {
     s->fillNext = std::max(s->fillNext, s->tx.rxVec.blkNumBase);
     for (; s->fillNext < s->nextNew && s->fillNext < end; s->fillNext++) {
       if (!fillCandidate(s, s->fillNext)) continue;
-      int64_t due = fillDueUs(s, s->fillNext);
-      if (due > now) {
-        // Passed over for this round; the next round, due when it has aged, takes it.
-        s->fillSkippedInRound = true;
-        if (s->fillWakeUs == 0 || due < s->fillWakeUs) s->fillWakeUs = due;
-        continue;
-      }
       *blk = s->fillNext++;
       s->fillSentInRound++;
-      s->fillSentSinceAck++;
       return true;
     }
-    // A round that found nothing at all: nothing to fill with.
-    if (s->fillSentInRound == 0 && !s->fillSkippedInRound) break;
+    // A round that found nothing at all: nothing to fill with until an acknowledgement.
+    if (s->fillSentInRound == 0) return false;
     startFillRound(s);
-    if (s->fillWakeUs != 0) return false;  // the new round starts when its first block is due
   }
-  if (s->fillWakeUs == 0) s->fillSpent = true;
   return false;
 }
 
 // What goes out next, in this order: blocks known lost, the forward pass, the fill round.
-// False when nothing is sendable until an acknowledgement or, with `fillWakeUs` set, until then.
-bool pickNext(SendSession *s, int64_t now, uint32_t *blk, bool *resend) {
-  s->fillWakeUs = 0;
+// False when nothing is sendable until an acknowledgement.
+bool pickNext(SendSession *s, uint32_t *blk, bool *resend) {
   *resend = true;
   while (!s->lost.empty()) {
     uint32_t b = *s->lost.begin();
@@ -124,8 +121,8 @@ bool pickNext(SendSession *s, int64_t now, uint32_t *blk, bool *resend) {
     *resend = false;
     return true;
   }
-  if (s->fillSpent || s->acksHeard == 0) return false;
-  return pickFill(s, end, now, blk);
+  if (s->acksHeard == 0) return false;
+  return pickFill(s, end, blk);
 }
 
 double fullBlockBits(const SendSession *s) {
@@ -145,6 +142,13 @@ void earnCredit(SendSession *s, int64_t now) {
   s->credit = std::min(cap, s->credit + earned);
 }
 
+// Block `blk` into `buf`: its length, or the negative result of a failed read.
+int buildBlock(const SendSession *s, uint32_t blk, uint8_t *buf) {
+  if (blk != 0) return tx_build(&s->tx, blk, buf);
+  std::memcpy(buf, s->meta, sizeof s->meta);
+  return static_cast<int>(sizeof s->meta);
+}
+
 void pump(SendSession *s, int64_t now) {
   s->pumpTimer = 0;
   earnCredit(s, now);
@@ -155,12 +159,11 @@ void pump(SendSession *s, int64_t now) {
   for (int burst = 0; s->credit > 0.0 && burst < MAX_BURST_DATAGRAMS; ++burst) {
     uint32_t blk = 0;
     bool resend = false;
-    if (!pickNext(s, now, &blk, &resend)) {
+    if (!pickNext(s, &blk, &resend)) {
       s->passExhausted = true;
-      if (s->fillWakeUs != 0) schedulePump(s, s->fillWakeUs);
       break;
     }
-    int len = tx_build(&s->tx, blk, buf);
+    int len = buildBlock(s, blk, buf);
     // A block whose read failed is not charged; it goes back among the lost and the burst
     // ends, so it is tried again at the next one.
     if (len < 0) {
@@ -188,19 +191,33 @@ void restartPump(SendSession *s, int64_t now) {
   schedulePump(s, now);
 }
 
-// Only an acknowledgement that reports a newer arrival says how long blocks take to be seen.
 void noteArrivalAge(SendSession *s, const SendStamp &newest, int64_t now) {
-  if (newest.count <= s->newestArrived) return;
-  s->newestArrived = newest.count;
   int64_t age = std::max<int64_t>(0, now - newest.sentUs);
   s->recentAges[s->agesSeen++ % std::size(s->recentAges)] = age;
   size_t n = std::min<size_t>(s->agesSeen, std::size(s->recentAges));
   s->ackAgeUs = *std::min_element(s->recentAges, s->recentAges + n);
 }
 
+// The sends an acknowledgement settles, those up to its newest arrival, and how many of them
+// it shows lost, weighed into the loss estimate.
+void noteLossShare(SendSession *s, uint64_t settled, uint32_t lostNow) {
+  s->sendsSettled += static_cast<double>(settled);
+  s->sendsLost += lostNow;
+  if (s->sendsSettled > LOSS_MEMORY_SENDS) {
+    double keep = LOSS_MEMORY_SENDS / s->sendsSettled;
+    s->sendsSettled *= keep;
+    s->sendsLost *= keep;
+  }
+}
+
 // Loss detection after an acknowledgement: a block reported missing although a block sent
 // after it is reported received was lost on the way (held-back datagrams make this wrong now
-// and then, at the price of one extra copy).
+// and then, at the price of one extra copy). An acknowledgement that reports a newer arrival
+// moves the fill budget's start up to it. One that reports none, later than blocks take to be
+// reported, says that what went out since its predecessor is lost or has yet to cross: the
+// client heard nothing new (its 2 s acknowledgement after the link was down, or after every
+// fill datagram was lost), so the budget starts again from what has been sent. A copy of the
+// same acknowledgement made by the link comes too soon for that.
 // `from` is the window's base before the acknowledgement: the blocks it slid over arrived too.
 void detectLosses(SendSession *s, uint32_t from, int64_t now) {
   uint32_t base = s->tx.rxVec.blkNumBase;
@@ -210,11 +227,23 @@ void detectLosses(SendSession *s, uint32_t from, int64_t now) {
     const SendStamp &st = stampOf(s, b);
     if (acked(s, b) && everSent(s, b) && (newest == nullptr || st.count > newest->count)) newest = &st;
   }
-  if (newest == nullptr) return;
-  noteArrivalAge(s, *newest, now);
-  for (uint32_t b = base; b < end; ++b) {
-    if (!acked(s, b) && everSent(s, b) && stampOf(s, b).count < newest->count) s->lost.insert(b);
+  if (newest == nullptr || newest->count <= s->newestArrived) {
+    if (now - s->lastNewsUs > s->ackAgeUs) {
+      s->fillFrom = s->sendCount;
+      s->lastNewsUs = now;
+    }
+    return;
   }
+  noteArrivalAge(s, *newest, now);
+  uint64_t settled = newest->count - s->newestArrived;
+  s->newestArrived = newest->count;
+  s->fillFrom = std::max(s->fillFrom, s->newestArrived);
+  s->lastNewsUs = now;
+  uint32_t lostNow = 0;
+  for (uint32_t b = base; b < end; ++b) {
+    if (!acked(s, b) && everSent(s, b) && stampOf(s, b).count < newest->count && s->lost.insert(b).second) lostNow++;
+  }
+  noteLossShare(s, settled, lostNow);
 }
 
 // After an acknowledgement: losses it reveals go out first, the window may have moved on,
@@ -222,10 +251,8 @@ void detectLosses(SendSession *s, uint32_t from, int64_t now) {
 void resumeAfterAck(SendSession *s, int64_t now, uint32_t baseBefore) {
   detectLosses(s, baseBefore, now);
   s->acksHeard++;
-  s->fillSpent = false;
-  s->fillSentSinceAck = 0;
   startFillRound(s);
-  // A pass waiting for an acknowledgement, or for a block to age, goes on at once.
+  // A pass waiting for an acknowledgement goes on at once.
   if (s->passExhausted) restartPump(s, now);
 }
 
@@ -244,6 +271,7 @@ std::unique_ptr<SendSession> startSending(TransferService *svc, const sockaddr_i
   initBlkRxVector(&tx.rxVec, blockSize);
   setBlkRxVectorFileSize(&tx.rxVec, tx.size);
   cacheFile(&tx);
+  tx_build(&tx, 0, s->meta);
   s->paceBits = effectivePaceBits(*svc->opts, blockSize);
   s->credit = fullBlockBits(s.get());  // the metadata goes out at once
   s->lastCreditUs = now;
@@ -375,8 +403,8 @@ void sendOnRepeat(SendSession *s, const uint8_t *ack, int ackLen, int64_t now) {
   s->nextNew = 0;
   s->lost.clear();
   std::fill(std::begin(s->stamps), std::end(s->stamps), SendStamp{});
-  s->fillSpent = false;
   s->newestArrived = 0;
+  s->fillFrom = s->sendCount;
   restartPump(s, now);
 }
 

@@ -32,9 +32,10 @@ struct SendSession {
   TransferService *svc = nullptr;
   sockaddr_in peer{};
   KESTIL_TXState tx{};
-  bool passExhausted = false;  // nothing sendable until the next acknowledgement
-  double credit = 0.0;         // in bits of wire, IP/UDP overhead included
-  double paceBits = 1.0;       // bits per second the session is paced at
+  uint8_t meta[KESTIL_METADATA_LEN]{};  // block 0, digested once when the transfer starts
+  bool passExhausted = false;           // nothing sendable until the next acknowledgement
+  double credit = 0.0;                  // in bits of wire, IP/UDP overhead included
+  double paceBits = 1.0;                // bits per second the session is paced at
   int64_t lastCreditUs = 0;
   // Retransmission: every send is stamped with a running count, per block of the window, so
   // an acknowledgement that shows a later send arrived shows which earlier ones were lost.
@@ -42,21 +43,24 @@ struct SendSession {
   SendStamp stamps[BLK_RX_WINDOW]{};
   uint32_t nextNew = 0;     // the forward pass: lowest block never sent
   std::set<uint32_t> lost;  // blocks to send again before anything new
-  uint32_t fillNext = 0;    // rounds of unacknowledged blocks that fill an idle wire
+  // The share of sends that acknowledgements showed lost, over the recent sends they settled.
+  double sendsSettled = 0.0;
+  double sendsLost = 0.0;
+  // Rounds of unacknowledged blocks that fill an idle wire, within the fill budget: the
+  // datagrams sent since `fillFrom` (the newest arrival reported) that the client has not
+  // reported yet.
+  uint32_t fillNext = 0;
   uint32_t fillRound = 1;
   uint32_t fillSentInRound = 0;
-  uint32_t fillSentSinceAck = 0;
-  bool fillSpent = false;           // nothing more to fill with until an acknowledgement
-  bool fillSkippedInRound = false;  // the round passed over blocks too young to resend
-  int64_t fillWakeUs = 0;           // when the youngest block passed over may be resent; 0: none
+  uint64_t fillFrom = 0;
   // How long the newest block an acknowledgement reports arrived had been out when the
-  // acknowledgement came: the link's round trip plus the time the client's queue held it.
-  // The shortest of the recent ones counts: an acknowledgement the client sends on its 2 s
-  // timer reports a block that arrived long before, and at high loss most are such.
+  // acknowledgement came (the shortest of the recent ones): the link's round trip plus the
+  // time the client's queue held it.
   int64_t recentAges[8]{};
   uint32_t agesSeen = 0;
   int64_t ackAgeUs = 0;
   uint64_t newestArrived = 0;  // send count of the newest block known to have arrived
+  int64_t lastNewsUs = 0;      // when an acknowledgement last reported a newer arrival
   uint32_t acksHeard = 0;      // the client's acknowledgements applied (not the request's)
   uint64_t pumpTimer = 0;
   bool removeOnConfirm = false;  // a report whose entries leave the queue once confirmed
