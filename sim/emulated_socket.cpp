@@ -59,6 +59,7 @@ void onReadable(EmulatedSocket *s, int64_t nowUs) {
     socklen_t fromLen = sizeof from;
     ssize_t n = recvfrom(s->fd, buf, sizeof buf, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &fromLen);
     if (n < 0) break;  // drained (or a transient error: the next wake-up tries again)
+    s->datagramsRead++;
     LinkFate fate = linkSubmit(&s->inbound, nowUs, buf, static_cast<int>(n), from);
     traceDatagram(*s->trace, nowUs, TraceDir::In, from, s->proto, buf, static_cast<int>(n), fate);
     pcapRecord(s->trace->pcap, nowUs, from, s->local, buf, static_cast<int>(n), fate);

@@ -171,6 +171,7 @@ void pump(SendSession *s, int64_t now) {
       break;
     }
     serviceSend(s->svc, now, buf, static_cast<size_t>(len), s->peer);
+    s->dataSent++;
     s->stamps[blk % BLK_RX_WINDOW] = SendStamp{blk, ++s->sendCount, resend ? s->fillRound : 0, now};
     s->credit -= static_cast<double>(len + LINK_IP_UDP_OVERHEAD) * 8;
   }
@@ -329,7 +330,11 @@ void collectReported(void *param, uint8_t, uint8_t group, uint8_t, uint32_t, con
 }  // namespace
 
 SendSession::~SendSession() {
-  if (svc != nullptr) loopCancelTimer(svc->loop, pumpTimer);
+  if (svc != nullptr) {
+    loopCancelTimer(svc->loop, pumpTimer);
+    svc->datagramsSent += dataSent;
+    svc->blocksServed += tx.rxVec.lastBlk;
+  }
   releaseFileCache(&tx);
   if (tx.fd >= 0) close(tx.fd);
 }

@@ -62,6 +62,7 @@ struct SendSession {
   uint64_t newestArrived = 0;  // send count of the newest block known to have arrived
   int64_t lastNewsUs = 0;      // when an acknowledgement last reported a newer arrival
   uint32_t acksHeard = 0;      // the client's acknowledgements applied (not the request's)
+  uint64_t dataSent = 0;       // datagrams of the file's blocks sent, copies included
   uint64_t pumpTimer = 0;
   bool removeOnConfirm = false;  // a report whose entries leave the queue once confirmed
   std::vector<ReportedEntry> reported;
