@@ -100,10 +100,12 @@ bool pickFill(SendSession *s, uint32_t end, uint32_t *blk) {
   return false;
 }
 
+enum class Pick : uint8_t { New, Lost, Fill };
+
 // What goes out next, in this order: blocks known lost, the forward pass, the fill round.
 // False when nothing is sendable until an acknowledgement.
-bool pickNext(SendSession *s, uint32_t *blk, bool *resend) {
-  *resend = true;
+bool pickNext(SendSession *s, uint32_t *blk, Pick *kind) {
+  *kind = Pick::Lost;
   while (!s->lost.empty()) {
     uint32_t b = *s->lost.begin();
     s->lost.erase(s->lost.begin());
@@ -118,9 +120,10 @@ bool pickNext(SendSession *s, uint32_t *blk, bool *resend) {
   while (s->nextNew != 0 && s->nextNew < end && acked(s, s->nextNew)) s->nextNew++;
   if (s->nextNew < end) {
     *blk = s->nextNew++;
-    *resend = false;
+    *kind = Pick::New;
     return true;
   }
+  *kind = Pick::Fill;
   if (s->acksHeard == 0) return false;
   return pickFill(s, end, blk);
 }
@@ -158,8 +161,8 @@ void pump(SendSession *s, int64_t now) {
   // block) leave room for more and the link is filled, not overrun.
   for (int burst = 0; s->credit > 0.0 && burst < MAX_BURST_DATAGRAMS; ++burst) {
     uint32_t blk = 0;
-    bool resend = false;
-    if (!pickNext(s, &blk, &resend)) {
+    Pick kind = Pick::New;
+    if (!pickNext(s, &blk, &kind)) {
       s->passExhausted = true;
       break;
     }
@@ -172,7 +175,10 @@ void pump(SendSession *s, int64_t now) {
     }
     serviceSend(s->svc, now, buf, static_cast<size_t>(len), s->peer);
     s->dataSent++;
-    s->stamps[blk % BLK_RX_WINDOW] = SendStamp{blk, ++s->sendCount, resend ? s->fillRound : 0, now};
+    uint64_t count = ++s->sendCount;
+    SendStamp &st = s->stamps[blk % BLK_RX_WINDOW];
+    bool copy = kind == Pick::Fill && st.blk == blk && st.count != 0;
+    st = SendStamp{blk, count, kind == Pick::New ? 0 : s->fillRound, copy ? st.proof : count, copy ? st.sentUs : now};
     s->credit -= static_cast<double>(len + LINK_IP_UDP_OVERHEAD) * 8;
   }
   if (!s->passExhausted) {
@@ -213,7 +219,9 @@ void noteLossShare(SendSession *s, uint64_t settled, uint32_t lostNow) {
 
 // Loss detection after an acknowledgement: a block reported missing although a block sent
 // after it is reported received was lost on the way (held-back datagrams make this wrong now
-// and then, at the price of one extra copy). An acknowledgement that reports a newer arrival
+// and then, at the price of one extra copy). A block sent more than once proves only that the
+// earliest of its sends not known lost arrived: taking its latest, a fill copy still on the
+// way, would call lost everything sent between the two. An acknowledgement that reports a newer arrival
 // moves the fill budget's start up to it. One that reports none, later than blocks take to be
 // reported, says that what went out since its predecessor is lost or has yet to cross: the
 // client heard nothing new (its 2 s acknowledgement after the link was down, or after every
@@ -226,9 +234,9 @@ void detectLosses(SendSession *s, uint32_t from, int64_t now) {
   const SendStamp *newest = nullptr;
   for (uint32_t b = std::min(from, base); b < end; ++b) {
     const SendStamp &st = stampOf(s, b);
-    if (acked(s, b) && everSent(s, b) && (newest == nullptr || st.count > newest->count)) newest = &st;
+    if (acked(s, b) && everSent(s, b) && (newest == nullptr || st.proof > newest->proof)) newest = &st;
   }
-  if (newest == nullptr || newest->count <= s->newestArrived) {
+  if (newest == nullptr || newest->proof <= s->newestArrived) {
     if (now - s->lastNewsUs > s->ackAgeUs) {
       s->fillFrom = s->sendCount;
       s->lastNewsUs = now;
@@ -236,13 +244,13 @@ void detectLosses(SendSession *s, uint32_t from, int64_t now) {
     return;
   }
   noteArrivalAge(s, *newest, now);
-  uint64_t settled = newest->count - s->newestArrived;
-  s->newestArrived = newest->count;
+  uint64_t settled = newest->proof - s->newestArrived;
+  s->newestArrived = newest->proof;
   s->fillFrom = std::max(s->fillFrom, s->newestArrived);
   s->lastNewsUs = now;
   uint32_t lostNow = 0;
   for (uint32_t b = base; b < end; ++b) {
-    if (!acked(s, b) && everSent(s, b) && stampOf(s, b).count < newest->count && s->lost.insert(b).second) lostNow++;
+    if (!acked(s, b) && everSent(s, b) && stampOf(s, b).count < newest->proof && s->lost.insert(b).second) lostNow++;
   }
   noteLossShare(s, settled, lostNow);
 }

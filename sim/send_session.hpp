@@ -18,8 +18,11 @@ struct TransferService;
 
 struct SendStamp {
   uint32_t blk = 0;
-  uint64_t count = 0;          // 0: never sent
+  uint64_t count = 0;          // of its latest send; 0: never sent
   uint32_t resentInRound = 0;  // fill round of its last resend; 0 after a first send
+  // The earliest of its sends not known lost, and when it went: the send that its report as
+  // received proves arrived. A fill copy leaves it be, as the send before may still arrive.
+  uint64_t proof = 0;
   int64_t sentUs = 0;
 };
 
