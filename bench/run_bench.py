@@ -40,9 +40,9 @@ SCENARIOS = [
 SEED = 7
 # Items measured over --fast-runs runs.
 FAST_ITEMS = ("loopback", "loopback-1core", "S5")
-# On S5 a peer that has not finished after this many times kestil's lower bound is stopped and
-# counted as incomplete: atftp's window falls into rounds of resends at 1% loss and would take
-# about ten minutes a run.
+# On S5 a peer (and kestil put) that has not finished after this many times kestil's lower
+# bound is stopped and counted as incomplete: atftp's window falls into rounds of resends at 1%
+# loss and would take about ten minutes a run.
 S5_PEER_LIMIT = 3
 # uftpd's client ID: its address on the interface it serves (-I lo). Named to uftp with -H, it
 # makes a closed group, so uftp sends as soon as that client has registered; an open group is
@@ -459,7 +459,7 @@ def bench_scenario(args, work, sc):
         try:
             t0, code, wall, cpu, rss = run_client(
                 [os.path.join(args.bin, "kestil"), "put", "-h", RELAY_ADDR, "-t", "20", "-p", f"{pkts:.3f}", up],
-                ground, timeout)
+                ground, peer_timeout)
         finally:
             relay.stop()
         ok = os.path.exists(stored) and md5(stored) == want
