@@ -53,6 +53,10 @@ bool everSent(const SendSession *s, uint32_t blk) {
 // acknowledgement is on the way whether or not it is behind, and a copy would only lengthen
 // its queue.
 constexpr uint32_t CLIENT_ACK_DATAGRAMS = 256;
+constexpr uint32_t FILL_ALLOWANCE = 2048;
+constexpr double HEAVY_LOSS = 0.05;
+// And at least this often, whatever it takes in.
+constexpr int64_t CLIENT_ACK_CLOCK_US = 2000000;
 // The budget covers as many of those acknowledgements as it takes for at least one to cross
 // a link that loses as much as the sends do, short of this chance of losing them all; a
 // lossless link needs one.
@@ -84,13 +88,14 @@ void startFillRound(SendSession *s) {
 }
 
 bool pickFill(SendSession *s, uint32_t end, uint32_t *blk) {
-  if (s->sendCount - s->fillFrom >= fillBudget(s)) return false;
+  if (s->sendCount - s->fillFrom >= fillBudget(s) && s->fillSentSinceAck >= s->fillAllowance) return false;
   for (int attempt = 0; attempt < 2; ++attempt) {
     s->fillNext = std::max(s->fillNext, s->tx.rxVec.blkNumBase);
     for (; s->fillNext < s->nextNew && s->fillNext < end; s->fillNext++) {
       if (!fillCandidate(s, s->fillNext)) continue;
       *blk = s->fillNext++;
       s->fillSentInRound++;
+      s->fillSentSinceAck++;
       return true;
     }
     // A round that found nothing at all: nothing to fill with until an acknowledgement.
@@ -178,7 +183,7 @@ void pump(SendSession *s, int64_t now) {
     uint64_t count = ++s->sendCount;
     SendStamp &st = s->stamps[blk % BLK_RX_WINDOW];
     bool copy = kind == Pick::Fill && st.blk == blk && st.count != 0;
-    st = SendStamp{blk, count, kind == Pick::New ? 0 : s->fillRound, copy ? st.proof : count, copy ? st.sentUs : now};
+    st = SendStamp{blk, count, kind == Pick::New ? 0 : s->fillRound, copy ? st.proof : count};
     s->credit -= static_cast<double>(len + LINK_IP_UDP_OVERHEAD) * 8;
   }
   if (!s->passExhausted) {
@@ -198,13 +203,6 @@ void restartPump(SendSession *s, int64_t now) {
   schedulePump(s, now);
 }
 
-void noteArrivalAge(SendSession *s, const SendStamp &newest, int64_t now) {
-  int64_t age = std::max<int64_t>(0, now - newest.sentUs);
-  s->recentAges[s->agesSeen++ % std::size(s->recentAges)] = age;
-  size_t n = std::min<size_t>(s->agesSeen, std::size(s->recentAges));
-  s->ackAgeUs = *std::min_element(s->recentAges, s->recentAges + n);
-}
-
 // The sends an acknowledgement settles, those up to its newest arrival, and how many of them
 // it shows lost, weighed into the loss estimate.
 void noteLossShare(SendSession *s, uint64_t settled, uint32_t lostNow) {
@@ -221,14 +219,9 @@ void noteLossShare(SendSession *s, uint64_t settled, uint32_t lostNow) {
 // after it is reported received was lost on the way (held-back datagrams make this wrong now
 // and then, at the price of one extra copy). A block sent more than once proves only that the
 // earliest of its sends not known lost arrived: taking its latest, a fill copy still on the
-// way, would call lost everything sent between the two. An acknowledgement that reports a newer arrival
-// moves the fill budget's start up to it. One that reports none, later than blocks take to be
-// reported, says that what went out since its predecessor is lost or has yet to cross: the
-// client heard nothing new (its 2 s acknowledgement after the link was down, or after every
-// fill datagram was lost), so the budget starts again from what has been sent. A copy of the
-// same acknowledgement made by the link comes too soon for that.
+// way, would call lost everything sent between the two.
 // `from` is the window's base before the acknowledgement: the blocks it slid over arrived too.
-void detectLosses(SendSession *s, uint32_t from, int64_t now) {
+void detectLosses(SendSession *s, uint32_t from) {
   uint32_t base = s->tx.rxVec.blkNumBase;
   uint32_t end = windowEnd(s);
   const SendStamp *newest = nullptr;
@@ -236,18 +229,9 @@ void detectLosses(SendSession *s, uint32_t from, int64_t now) {
     const SendStamp &st = stampOf(s, b);
     if (acked(s, b) && everSent(s, b) && (newest == nullptr || st.proof > newest->proof)) newest = &st;
   }
-  if (newest == nullptr || newest->proof <= s->newestArrived) {
-    if (now - s->lastNewsUs > s->ackAgeUs) {
-      s->fillFrom = s->sendCount;
-      s->lastNewsUs = now;
-    }
-    return;
-  }
-  noteArrivalAge(s, *newest, now);
+  if (newest == nullptr || newest->proof <= s->newestArrived) return;
   uint64_t settled = newest->proof - s->newestArrived;
   s->newestArrived = newest->proof;
-  s->fillFrom = std::max(s->fillFrom, s->newestArrived);
-  s->lastNewsUs = now;
   uint32_t lostNow = 0;
   for (uint32_t b = base; b < end; ++b) {
     if (!acked(s, b) && everSent(s, b) && stampOf(s, b).count < newest->proof && s->lost.insert(b).second) lostNow++;
@@ -255,10 +239,44 @@ void detectLosses(SendSession *s, uint32_t from, int64_t now) {
   noteLossShare(s, settled, lostNow);
 }
 
-// After an acknowledgement: losses it reveals go out first, the window may have moved on,
-// and the wire may be filled with one more round of unacknowledged blocks.
-void resumeAfterAck(SendSession *s, int64_t now, uint32_t baseBefore) {
-  detectLosses(s, baseBefore, now);
+// What an acknowledgement says the client took in moves the fill budget's start on, never
+// past what has been sent: up to the newest send proven to have arrived, and by the 256
+// datagrams the client takes in between two acknowledgements when this one came sooner than
+// its 2 s clock would send one (at a loss that holds the window, what the client takes in is
+// mostly copies, whose sends prove nothing). One that comes 2 s or more after the last is the
+// client's clock (or the last of several lost on the way): it took in fewer than 256 since
+// its last, so it is not behind, and the budget starts again from what has been sent. A copy
+// of the last acknowledgement that the link made, with nothing sent in between, changes
+// nothing.
+void moveFillBudget(SendSession *s, const uint8_t *ack, int len, int64_t now, uint32_t baseBefore,
+                    uint64_t arrivedBefore) {
+  // On a link that loses one send in twenty or more, an acknowledgement whose base moved by fewer blocks
+  // than the sends it proves arrived shows blocks lost or copies taken in, not a queue of first
+  // sends the client is behind on (those it reports in order, and its base moves by all of
+  // them): the wire may then carry this many beyond the budget until the next one, so that
+  // acknowledgements come even when half of each way is lost.
+  s->fillSentSinceAck = 0;
+  bool held = s->tx.rxVec.blkNumBase - baseBefore < s->newestArrived - arrivedBefore;
+  s->fillAllowance = held && lossShare(s) >= HEAVY_LOSS ? FILL_ALLOWANCE : 0;
+  bool copy = s->sendCount == s->sentAtLastAck && s->lastAck.size() == static_cast<size_t>(len) &&
+              std::equal(ack, ack + len, s->lastAck.begin());
+  if (copy) return;
+  if (now - s->lastAckUs >= CLIENT_ACK_CLOCK_US) {
+    s->fillFrom = s->sendCount;
+  } else {
+    s->fillFrom = std::max(s->newestArrived, std::min(s->sendCount, s->fillFrom + CLIENT_ACK_DATAGRAMS));
+  }
+  s->sentAtLastAck = s->sendCount;
+  s->lastAckUs = now;
+  s->lastAck.assign(ack, ack + len);
+}
+
+// After an acknowledgement `ack` of `len` bytes: losses it reveals go out first, the window
+// may have moved on, and the wire may be filled with one more round of unacknowledged blocks.
+void resumeAfterAck(SendSession *s, int64_t now, uint32_t baseBefore, const uint8_t *ack, int len) {
+  uint64_t arrivedBefore = s->newestArrived;
+  detectLosses(s, baseBefore);
+  moveFillBudget(s, ack, len, now, baseBefore, arrivedBefore);
   s->acksHeard++;
   startFillRound(s);
   // A pass waiting for an acknowledgement goes on at once.
@@ -284,6 +302,7 @@ std::unique_ptr<SendSession> startSending(TransferService *svc, const sockaddr_i
   s->paceBits = effectivePaceBits(*svc->opts, blockSize);
   s->credit = fullBlockBits(s.get());  // the metadata goes out at once
   s->lastCreditUs = now;
+  s->lastAckUs = now;
   schedulePump(s.get(), now);
   return s;
 }
@@ -409,7 +428,7 @@ void sendOnRepeat(SendSession *s, const uint8_t *ack, int ackLen, int64_t now) {
   uint32_t baseBefore = s->tx.rxVec.blkNumBase;
   if (ack != nullptr) rx_func(&s->tx, ack, ackLen);
   if (blkIsInVector(&s->tx.rxVec, 0)) {
-    resumeAfterAck(s, now, baseBefore);
+    resumeAfterAck(s, now, baseBefore, ack, ack != nullptr ? ackLen : 0);
     return;
   }
   // The client repeats its request while it lacks the metadata: start the pass over.
@@ -432,6 +451,6 @@ SendAck sendOnAck(SendSession *s, const uint8_t *d, int len, int64_t now) {
     }
     return SendAck::Complete;
   }
-  resumeAfterAck(s, now, baseBefore);
+  resumeAfterAck(s, now, baseBefore, d, len);
   return SendAck::Going;
 }

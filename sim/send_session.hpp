@@ -20,10 +20,9 @@ struct SendStamp {
   uint32_t blk = 0;
   uint64_t count = 0;          // of its latest send; 0: never sent
   uint32_t resentInRound = 0;  // fill round of its last resend; 0 after a first send
-  // The earliest of its sends not known lost, and when it went: the send that its report as
-  // received proves arrived. A fill copy leaves it be, as the send before may still arrive.
+  // The earliest of its sends not known lost: the send that its report as received proves
+  // arrived. A fill copy leaves it be, as the send before may still arrive.
   uint64_t proof = 0;
-  int64_t sentUs = 0;
 };
 
 struct ReportedEntry {
@@ -50,22 +49,20 @@ struct SendSession {
   double sendsSettled = 0.0;
   double sendsLost = 0.0;
   // Rounds of unacknowledged blocks that fill an idle wire, within the fill budget: the
-  // datagrams sent since `fillFrom` (the newest arrival reported) that the client has not
-  // reported yet.
+  // datagrams sent since `fillFrom`, which what the client reports taking in moves on.
   uint32_t fillNext = 0;
   uint32_t fillRound = 1;
   uint32_t fillSentInRound = 0;
   uint64_t fillFrom = 0;
-  // How long the newest block an acknowledgement reports arrived had been out when the
-  // acknowledgement came (the shortest of the recent ones): the link's round trip plus the
-  // time the client's queue held it.
-  int64_t recentAges[8]{};
-  uint32_t agesSeen = 0;
-  int64_t ackAgeUs = 0;
-  uint64_t newestArrived = 0;  // send count of the newest block known to have arrived
-  int64_t lastNewsUs = 0;      // when an acknowledgement last reported a newer arrival
-  uint32_t acksHeard = 0;      // the client's acknowledgements applied (not the request's)
-  uint64_t dataSent = 0;       // datagrams of the file's blocks sent, copies included
+  uint64_t newestArrived = 0;  // send count of the newest send known to have arrived
+  uint64_t sentAtLastAck = 0;  // send count when the last acknowledgement came
+  int64_t lastAckUs = 0;       // when it came (the transfer's start before the first)
+  // Fill datagrams beyond the budget that the last acknowledgement allows, and those sent since.
+  uint32_t fillAllowance = 0;
+  uint32_t fillSentSinceAck = 0;
+  std::vector<uint8_t> lastAck;
+  uint32_t acksHeard = 0;  // the client's acknowledgements applied (not the request's)
+  uint64_t dataSent = 0;   // datagrams of the file's blocks sent, copies included
   uint64_t pumpTimer = 0;
   bool removeOnConfirm = false;  // a report whose entries leave the queue once confirmed
   std::vector<ReportedEntry> reported;
