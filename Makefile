@@ -103,15 +103,15 @@ soak: build
 	python3 tests/soak/pass_soak.py --bin-dir build/bin --kills 100
 
 # Benchmarks against uftp and atftp on loopback, through kestil-sim's emulated links (about
-# 30 minutes); writes bench/results/latest.json, results.md and ratios.png; then kestil-pass's
+# 50 minutes); writes bench/results/latest.json, results.md and ratios.png; then kestil-pass's
 # simulated day (below). Not part of `make check`.
-BENCH_PACKAGES := uftp atftp atftpd gnuplot-nox time
+BENCH_PACKAGES := uftp atftp atftpd gnuplot-nox time linux-perf
 .PHONY: bench
 bench: deps
 	$(call install-missing,$(BENCH_PACKAGES))
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF
 	cmake --build build-bench -j$(JOBS) --target kestil kestil-sim kestil-pass raw_udp_bench
-	timeout 2400 python3 bench/run_bench.py --bin build-bench/bin --runs 3 --out bench/results
+	timeout 4800 python3 bench/run_bench.py --bin build-bench/bin --runs 3 --out bench/results
 	@cat bench/results/results.md
 	$(MAKE) bench-pass-day
 

@@ -16,6 +16,13 @@ def fmt(s, digits=2):
     return f"{s['median']:.{digits}f} ({s['min']:.{digits}f}–{s['max']:.{digits}f})"
 
 
+def pct(s):
+    """Copies (data datagrams per block, minus one) as a percentage of the blocks."""
+    if not s:
+        return "—"
+    return f"{s['median'] * 100:.1f}% ({s['min'] * 100:.1f}–{s['max'] * 100:.1f})"
+
+
 def main():
     out = sys.argv[1] if len(sys.argv) > 1 else "bench/results"
     r = json.load(open(os.path.join(out, "latest.json")))
@@ -25,26 +32,31 @@ def main():
     if "raw" in r:
         lines += [f"Raw loopback limit (146-byte datagrams, 141 bytes of payload): "
                   f"{fmt(r['raw']['payload_MBps'], 1)} MB/s", ""]
-    if "loopback" in r:
-        raw = r.get("raw", {}).get("payload_MBps", {}).get("median")
-        lines += ["| loopback download | payload MB/s | of raw limit | client CPU s/MiB |", "|---|---|---|---|"]
-        for tool, v in r["loopback"].items():
+    raw = r.get("raw", {}).get("payload_MBps", {}).get("median")
+    for item, label in (("loopback", ""), ("loopback-1core", ", both ends on one core")):
+        if item not in r:
+            continue
+        lines += [f"| loopback download{label} | payload MB/s | of raw limit | copies | client CPU s/MiB |",
+                  "|---|---|---|---|---|"]
+        for tool, v in r[item].items():
             mbps = v["payload_MBps"]
             share = f"{mbps['median'] / raw:.2f}" if mbps and raw else "—"
-            lines.append(f"| {tool} | {fmt(mbps, 1)} | {share} | {fmt(v['cpu_s_per_MiB'], 4)} |")
+            lines.append(f"| {tool} | {fmt(mbps, 1)} | {share} | {pct(v.get('copies'))} | "
+                         f"{fmt(v['cpu_s_per_MiB'], 4)} |")
         lines.append("")
     if "scenarios" in r:
-        lines += ["| link | tool | lower bound s | complete / bound | exit / bound | complete, MD5 ok |",
-                  "|---|---|---|---|---|---|"]
+        lines += ["| link | tool | lower bound s | complete / bound | exit / bound | copies | complete, MD5 ok |",
+                  "|---|---|---|---|---|---|---|"]
         for name, sc in r["scenarios"].items():
             link = sc["link"]
+            best = link["best_other_exit_ratio_target"]
             desc = (f"{name}: {link['rate_bps'] / 1000:g} kbit/s, {link['delay_ms']} ms, {link['loss'] * 100:g}% loss, "
-                    f"{link['size'] // 1024} KiB (best other: {link['best_other_exit_ratio_target']})")
+                    f"{link['size'] // 1024} KiB" + (f" (best other: {best})" if best else ""))
             for tool in TOOLS:
                 if tool in sc:
                     v = sc[tool]
                     lines.append(f"| {desc} | {tool} | {v['lower_bound_s']:.2f} | {fmt(v['complete_ratio'])} | "
-                                 f"{fmt(v['exit_ratio'])} | {v['completed']} |")
+                                 f"{fmt(v['exit_ratio'])} | {pct(v.get('copies'))} | {v['completed']} |")
                     desc = ""
         lines.append("")
     if "memory" in r:

@@ -3,6 +3,7 @@
 #include "client/receive_session.hpp"
 
 #include <sys/file.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -101,6 +102,16 @@ bool idleTick(ReceiveSession &s) {
   }
   if (s.timeout % s.policy->requestRepeatTicks == 0) sendSessionRequest(s);
   return false;
+}
+
+// Reads a datagram that is already waiting, without waiting: its length, or -1 when the
+// socket is empty. A busy download so skips the wait's system call for every block.
+int readWaiting(int fd, uint8_t *buf, size_t size, sockaddr_in *from) {
+  int saved = errno;
+  socklen_t len = sizeof *from;
+  ssize_t n = recvfrom(fd, buf, size, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(from), &len);
+  errno = saved;
+  return n < 0 ? -1 : static_cast<int>(n);
 }
 
 void periodicAck(ReceiveSession &s) {
@@ -202,13 +213,14 @@ void receiveLoop(ReceiveSession &s) {
     releaseLocalFile(s);
     if (p.stopLength && s.lenLimit != 0 && s.rxSet->block_size * s.rxSet->uniqueBlkCnt >= s.lenLimit) return;
 
-    int ready = select_call(s.fd, 0, IDLE_TICK_USEC);
+    sockaddr_in recvFrom{};
+    int nread = readWaiting(s.fd, pktBuff, sizeof pktBuff, &recvFrom);
+    int ready = nread >= 0 ? 1 : select_call(s.fd, 0, IDLE_TICK_USEC);
     lockLocalFile(s);
 
     if (ready == 1) {
       s.timeout = 0;
-      sockaddr_in recvFrom{};
-      int nread = socket_read(s.fd, pktBuff, sizeof pktBuff, &recvFrom);
+      if (nread < 0) nread = socket_read(s.fd, pktBuff, sizeof pktBuff, &recvFrom);
       if (nread > 0) s.receivedData = true;
       dispatchDatagram(s, pktBuff, nread, recvFrom);
       if (s.errorOut) return;

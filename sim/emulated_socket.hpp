@@ -25,6 +25,7 @@ struct EmulatedSocket {
   DatagramHandler onDatagram;
   uint64_t flushTimer = 0;
   int64_t flushDue = -1;
+  uint64_t datagramsRead = 0;  // before the inbound link's losses
 };
 
 // Creates and binds the socket to `local` (port 0: any free port). -1 with errno on failure.

@@ -92,6 +92,9 @@ int runRelay(const SimOptions &opts, Trace *trace) {
                endpointText(opts.relayUpstream.sin_addr, ntohs(opts.relayUpstream.sin_port)).c_str());
   int result = loopRun(&loop, &stopRequested);
   relayStop(&relay);
+  std::fprintf(stderr, "kestil-sim: relayed %llu datagrams from clients, %llu from upstream\n",
+               static_cast<unsigned long long>(relay.listen.datagramsRead),
+               static_cast<unsigned long long>(relay.fromUpstream));
   return result == 0 ? 0 : 1;
 }
 
@@ -126,6 +129,10 @@ int runServices(const SimOptions &opts, Trace *trace) {
                endpointText(opts.addr, opts.port).c_str(), endpointText(opts.addr, opts.filemgrPort).c_str());
   int result = loopRun(&loop, &stopRequested);
   transferServiceStop(&transfers);
+  if (transfers.blocksServed != 0)
+    std::fprintf(stderr, "kestil-sim: sent %llu datagrams for %llu blocks\n",
+                 static_cast<unsigned long long>(transfers.datagramsSent),
+                 static_cast<unsigned long long>(transfers.blocksServed));
   filemgrServiceStop(&filemgr);
   dwnq_cleanup();
   return result == 0 ? 0 : 1;

@@ -42,6 +42,7 @@ RelayFlow *flowFor(Relay *relay, const sockaddr_in &client, int64_t now) {
           [relay, f](const uint8_t *d, int n, const sockaddr_in &from, int64_t t) {
             f->lastHeardUs = t;
             f->upstreamPeer = from;
+            relay->fromUpstream++;
             esSend(&relay->listen, t, d, n, f->client);
           });
   relay->flows.emplace(key, std::move(flow));

@@ -22,6 +22,7 @@ struct Relay {
   Trace quiet;                                           // upstream sockets are not traced: each datagram shows once
   std::map<uint64_t, std::unique_ptr<RelayFlow>> flows;  // by client address and port
   uint64_t housekeepingTimer = 0;
+  uint64_t fromUpstream = 0;  // datagrams the upstream sent (the clients': listen.datagramsRead)
 
   // Out of line, where the flow record is complete.
   Relay();

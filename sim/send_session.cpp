@@ -46,21 +46,35 @@ bool everSent(const SendSession *s, uint32_t blk) {
 
 // Rounds over what is sent but unacknowledged fill the wire that would otherwise stand idle
 // until the client's next acknowledgement (up to 2 s away): at the end of the file, or while a
-// lost block at the base holds the window. The client acknowledges after 256 blocks taken in,
-// duplicates included, so this many fill datagrams bring several acknowledgements even when
-// half the datagrams each way are lost, where waiting would take the client's 2 s timer; then
-// the session waits. On a slow link the client's timer answers long before the budget is
-// spent. Filling starts once the client has acknowledged anything; a round skips what was
-// resent during it.
-constexpr uint32_t FILL_PER_ACK = 2048;
-// A block is only sent again to fill once it has been out half as long again as the
-// acknowledgements' age: a client on a fast link that is simply behind still holds it in its
-// socket buffer, and a copy would only lengthen that queue (most of the loopback throughput
-// went to such copies). The floor covers the first acknowledgements and jitter.
-constexpr int64_t FILL_AGE_FLOOR_US = 5000;
+// lost block at the base holds the window. They are held to a budget of datagrams sent since
+// the newest arrival the client reported, counted from what its acknowledgements say, never
+// from the clock. The client acknowledges after taking in this many datagrams, copies
+// included: when that many have gone out since the newest arrival it reported, its next
+// acknowledgement is on the way whether or not it is behind, and a copy would only lengthen
+// its queue.
+constexpr uint32_t CLIENT_ACK_DATAGRAMS = 256;
+constexpr uint32_t FILL_ALLOWANCE = 2048;
+constexpr double HEAVY_LOSS = 0.05;
+// And at least this often, whatever it takes in.
+constexpr int64_t CLIENT_ACK_CLOCK_US = 2000000;
+// The budget covers as many of those acknowledgements as it takes for at least one to cross
+// a link that loses as much as the sends do, short of this chance of losing them all; a
+// lossless link needs one.
+constexpr double ACK_MISS_CHANCE = 0.05;
+constexpr uint32_t MAX_ACKS_AHEAD = 8;
+// The loss estimate weighs about this many recent sends.
+constexpr double LOSS_MEMORY_SENDS = 4096;
 
-int64_t fillDueUs(const SendSession *s, uint32_t blk) {
-  return stampOf(s, blk).sentUs + s->ackAgeUs + s->ackAgeUs / 2 + FILL_AGE_FLOOR_US;
+double lossShare(const SendSession *s) {
+  if (s->sendsSettled <= 0.0) return 0.0;
+  return std::min(0.9, s->sendsLost / s->sendsSettled);
+}
+
+uint64_t fillBudget(const SendSession *s) {
+  double loss = lossShare(s);
+  uint32_t acks = 1;
+  for (double miss = loss; miss > ACK_MISS_CHANCE && acks < MAX_ACKS_AHEAD; miss *= loss) acks++;
+  return static_cast<uint64_t>(acks * CLIENT_ACK_DATAGRAMS / (1.0 - loss));
 }
 
 bool fillCandidate(const SendSession *s, uint32_t blk) {
@@ -70,43 +84,33 @@ bool fillCandidate(const SendSession *s, uint32_t blk) {
 void startFillRound(SendSession *s) {
   s->fillRound++;
   s->fillSentInRound = 0;
-  s->fillSkippedInRound = false;
   s->fillNext = s->tx.rxVec.blkNumBase;
 }
 
-// False with `fillWakeUs` set when only blocks too young to resend are left for now.
-bool pickFill(SendSession *s, uint32_t end, int64_t now, uint32_t *blk) {
-  s->fillWakeUs = 0;
-  for (int attempt = 0; attempt < 2 && s->fillSentSinceAck < FILL_PER_ACK; ++attempt) {
+bool pickFill(SendSession *s, uint32_t end, uint32_t *blk) {
+  if (s->sendCount - s->fillFrom >= fillBudget(s) && s->fillSentSinceAck >= s->fillAllowance) return false;
+  for (int attempt = 0; attempt < 2; ++attempt) {
     s->fillNext = std::max(s->fillNext, s->tx.rxVec.blkNumBase);
     for (; s->fillNext < s->nextNew && s->fillNext < end; s->fillNext++) {
       if (!fillCandidate(s, s->fillNext)) continue;
-      int64_t due = fillDueUs(s, s->fillNext);
-      if (due > now) {
-        // Passed over for this round; the next round, due when it has aged, takes it.
-        s->fillSkippedInRound = true;
-        if (s->fillWakeUs == 0 || due < s->fillWakeUs) s->fillWakeUs = due;
-        continue;
-      }
       *blk = s->fillNext++;
       s->fillSentInRound++;
       s->fillSentSinceAck++;
       return true;
     }
-    // A round that found nothing at all: nothing to fill with.
-    if (s->fillSentInRound == 0 && !s->fillSkippedInRound) break;
+    // A round that found nothing at all: nothing to fill with until an acknowledgement.
+    if (s->fillSentInRound == 0) return false;
     startFillRound(s);
-    if (s->fillWakeUs != 0) return false;  // the new round starts when its first block is due
   }
-  if (s->fillWakeUs == 0) s->fillSpent = true;
   return false;
 }
 
+enum class Pick : uint8_t { New, Lost, Fill };
+
 // What goes out next, in this order: blocks known lost, the forward pass, the fill round.
-// False when nothing is sendable until an acknowledgement or, with `fillWakeUs` set, until then.
-bool pickNext(SendSession *s, int64_t now, uint32_t *blk, bool *resend) {
-  s->fillWakeUs = 0;
-  *resend = true;
+// False when nothing is sendable until an acknowledgement.
+bool pickNext(SendSession *s, uint32_t *blk, Pick *kind) {
+  *kind = Pick::Lost;
   while (!s->lost.empty()) {
     uint32_t b = *s->lost.begin();
     s->lost.erase(s->lost.begin());
@@ -121,11 +125,12 @@ bool pickNext(SendSession *s, int64_t now, uint32_t *blk, bool *resend) {
   while (s->nextNew != 0 && s->nextNew < end && acked(s, s->nextNew)) s->nextNew++;
   if (s->nextNew < end) {
     *blk = s->nextNew++;
-    *resend = false;
+    *kind = Pick::New;
     return true;
   }
-  if (s->fillSpent || s->acksHeard == 0) return false;
-  return pickFill(s, end, now, blk);
+  *kind = Pick::Fill;
+  if (s->acksHeard == 0) return false;
+  return pickFill(s, end, blk);
 }
 
 double fullBlockBits(const SendSession *s) {
@@ -145,6 +150,13 @@ void earnCredit(SendSession *s, int64_t now) {
   s->credit = std::min(cap, s->credit + earned);
 }
 
+// Block `blk` into `buf`: its length, or the negative result of a failed read.
+int buildBlock(const SendSession *s, uint32_t blk, uint8_t *buf) {
+  if (blk != 0) return tx_build(&s->tx, blk, buf);
+  std::memcpy(buf, s->meta, sizeof s->meta);
+  return static_cast<int>(sizeof s->meta);
+}
+
 void pump(SendSession *s, int64_t now) {
   s->pumpTimer = 0;
   earnCredit(s, now);
@@ -154,13 +166,12 @@ void pump(SendSession *s, int64_t now) {
   // block) leave room for more and the link is filled, not overrun.
   for (int burst = 0; s->credit > 0.0 && burst < MAX_BURST_DATAGRAMS; ++burst) {
     uint32_t blk = 0;
-    bool resend = false;
-    if (!pickNext(s, now, &blk, &resend)) {
+    Pick kind = Pick::New;
+    if (!pickNext(s, &blk, &kind)) {
       s->passExhausted = true;
-      if (s->fillWakeUs != 0) schedulePump(s, s->fillWakeUs);
       break;
     }
-    int len = tx_build(&s->tx, blk, buf);
+    int len = buildBlock(s, blk, buf);
     // A block whose read failed is not charged; it goes back among the lost and the burst
     // ends, so it is tried again at the next one.
     if (len < 0) {
@@ -168,7 +179,11 @@ void pump(SendSession *s, int64_t now) {
       break;
     }
     serviceSend(s->svc, now, buf, static_cast<size_t>(len), s->peer);
-    s->stamps[blk % BLK_RX_WINDOW] = SendStamp{blk, ++s->sendCount, resend ? s->fillRound : 0, now};
+    s->dataSent++;
+    uint64_t count = ++s->sendCount;
+    SendStamp &st = s->stamps[blk % BLK_RX_WINDOW];
+    bool copy = kind == Pick::Fill && st.blk == blk && st.count != 0;
+    st = SendStamp{blk, count, kind == Pick::New ? 0 : s->fillRound, copy ? st.proof : count};
     s->credit -= static_cast<double>(len + LINK_IP_UDP_OVERHEAD) * 8;
   }
   if (!s->passExhausted) {
@@ -188,44 +203,83 @@ void restartPump(SendSession *s, int64_t now) {
   schedulePump(s, now);
 }
 
-// Only an acknowledgement that reports a newer arrival says how long blocks take to be seen.
-void noteArrivalAge(SendSession *s, const SendStamp &newest, int64_t now) {
-  if (newest.count <= s->newestArrived) return;
-  s->newestArrived = newest.count;
-  int64_t age = std::max<int64_t>(0, now - newest.sentUs);
-  s->recentAges[s->agesSeen++ % std::size(s->recentAges)] = age;
-  size_t n = std::min<size_t>(s->agesSeen, std::size(s->recentAges));
-  s->ackAgeUs = *std::min_element(s->recentAges, s->recentAges + n);
+// The sends an acknowledgement settles, those up to its newest arrival, and how many of them
+// it shows lost, weighed into the loss estimate.
+void noteLossShare(SendSession *s, uint64_t settled, uint32_t lostNow) {
+  s->sendsSettled += static_cast<double>(settled);
+  s->sendsLost += lostNow;
+  if (s->sendsSettled > LOSS_MEMORY_SENDS) {
+    double keep = LOSS_MEMORY_SENDS / s->sendsSettled;
+    s->sendsSettled *= keep;
+    s->sendsLost *= keep;
+  }
 }
 
 // Loss detection after an acknowledgement: a block reported missing although a block sent
 // after it is reported received was lost on the way (held-back datagrams make this wrong now
-// and then, at the price of one extra copy).
+// and then, at the price of one extra copy). A block sent more than once proves only that the
+// earliest of its sends not known lost arrived: taking its latest, a fill copy still on the
+// way, would call lost everything sent between the two.
 // `from` is the window's base before the acknowledgement: the blocks it slid over arrived too.
-void detectLosses(SendSession *s, uint32_t from, int64_t now) {
+void detectLosses(SendSession *s, uint32_t from) {
   uint32_t base = s->tx.rxVec.blkNumBase;
   uint32_t end = windowEnd(s);
   const SendStamp *newest = nullptr;
   for (uint32_t b = std::min(from, base); b < end; ++b) {
     const SendStamp &st = stampOf(s, b);
-    if (acked(s, b) && everSent(s, b) && (newest == nullptr || st.count > newest->count)) newest = &st;
+    if (acked(s, b) && everSent(s, b) && (newest == nullptr || st.proof > newest->proof)) newest = &st;
   }
-  if (newest == nullptr) return;
-  noteArrivalAge(s, *newest, now);
+  if (newest == nullptr || newest->proof <= s->newestArrived) return;
+  uint64_t settled = newest->proof - s->newestArrived;
+  s->newestArrived = newest->proof;
+  uint32_t lostNow = 0;
   for (uint32_t b = base; b < end; ++b) {
-    if (!acked(s, b) && everSent(s, b) && stampOf(s, b).count < newest->count) s->lost.insert(b);
+    if (!acked(s, b) && everSent(s, b) && stampOf(s, b).count < newest->proof && s->lost.insert(b).second) lostNow++;
   }
+  noteLossShare(s, settled, lostNow);
 }
 
-// After an acknowledgement: losses it reveals go out first, the window may have moved on,
-// and the wire may be filled with one more round of unacknowledged blocks.
-void resumeAfterAck(SendSession *s, int64_t now, uint32_t baseBefore) {
-  detectLosses(s, baseBefore, now);
-  s->acksHeard++;
-  s->fillSpent = false;
+// What an acknowledgement says the client took in moves the fill budget's start on, never
+// past what has been sent: up to the newest send proven to have arrived, and by the 256
+// datagrams the client takes in between two acknowledgements when this one came sooner than
+// its 2 s clock would send one (at a loss that holds the window, what the client takes in is
+// mostly copies, whose sends prove nothing). One that comes 2 s or more after the last is the
+// client's clock (or the last of several lost on the way): it took in fewer than 256 since
+// its last, so it is not behind, and the budget starts again from what has been sent. A copy
+// of the last acknowledgement that the link made, with nothing sent in between, changes
+// nothing.
+void moveFillBudget(SendSession *s, const uint8_t *ack, int len, int64_t now, uint32_t baseBefore,
+                    uint64_t arrivedBefore) {
+  // On a link that loses one send in twenty or more, an acknowledgement whose base moved by fewer blocks
+  // than the sends it proves arrived shows blocks lost or copies taken in, not a queue of first
+  // sends the client is behind on (those it reports in order, and its base moves by all of
+  // them): the wire may then carry this many beyond the budget until the next one, so that
+  // acknowledgements come even when half of each way is lost.
   s->fillSentSinceAck = 0;
+  bool held = s->tx.rxVec.blkNumBase - baseBefore < s->newestArrived - arrivedBefore;
+  s->fillAllowance = held && lossShare(s) >= HEAVY_LOSS ? FILL_ALLOWANCE : 0;
+  bool copy = s->sendCount == s->sentAtLastAck && s->lastAck.size() == static_cast<size_t>(len) &&
+              std::equal(ack, ack + len, s->lastAck.begin());
+  if (copy) return;
+  if (now - s->lastAckUs >= CLIENT_ACK_CLOCK_US) {
+    s->fillFrom = s->sendCount;
+  } else {
+    s->fillFrom = std::max(s->newestArrived, std::min(s->sendCount, s->fillFrom + CLIENT_ACK_DATAGRAMS));
+  }
+  s->sentAtLastAck = s->sendCount;
+  s->lastAckUs = now;
+  s->lastAck.assign(ack, ack + len);
+}
+
+// After an acknowledgement `ack` of `len` bytes: losses it reveals go out first, the window
+// may have moved on, and the wire may be filled with one more round of unacknowledged blocks.
+void resumeAfterAck(SendSession *s, int64_t now, uint32_t baseBefore, const uint8_t *ack, int len) {
+  uint64_t arrivedBefore = s->newestArrived;
+  detectLosses(s, baseBefore);
+  moveFillBudget(s, ack, len, now, baseBefore, arrivedBefore);
+  s->acksHeard++;
   startFillRound(s);
-  // A pass waiting for an acknowledgement, or for a block to age, goes on at once.
+  // A pass waiting for an acknowledgement goes on at once.
   if (s->passExhausted) restartPump(s, now);
 }
 
@@ -244,9 +298,11 @@ std::unique_ptr<SendSession> startSending(TransferService *svc, const sockaddr_i
   initBlkRxVector(&tx.rxVec, blockSize);
   setBlkRxVectorFileSize(&tx.rxVec, tx.size);
   cacheFile(&tx);
+  tx_build(&tx, 0, s->meta);
   s->paceBits = effectivePaceBits(*svc->opts, blockSize);
   s->credit = fullBlockBits(s.get());  // the metadata goes out at once
   s->lastCreditUs = now;
+  s->lastAckUs = now;
   schedulePump(s.get(), now);
   return s;
 }
@@ -301,7 +357,11 @@ void collectReported(void *param, uint8_t, uint8_t group, uint8_t, uint32_t, con
 }  // namespace
 
 SendSession::~SendSession() {
-  if (svc != nullptr) loopCancelTimer(svc->loop, pumpTimer);
+  if (svc != nullptr) {
+    loopCancelTimer(svc->loop, pumpTimer);
+    svc->datagramsSent += dataSent;
+    svc->blocksServed += tx.rxVec.lastBlk;
+  }
   releaseFileCache(&tx);
   if (tx.fd >= 0) close(tx.fd);
 }
@@ -368,15 +428,15 @@ void sendOnRepeat(SendSession *s, const uint8_t *ack, int ackLen, int64_t now) {
   uint32_t baseBefore = s->tx.rxVec.blkNumBase;
   if (ack != nullptr) rx_func(&s->tx, ack, ackLen);
   if (blkIsInVector(&s->tx.rxVec, 0)) {
-    resumeAfterAck(s, now, baseBefore);
+    resumeAfterAck(s, now, baseBefore, ack, ack != nullptr ? ackLen : 0);
     return;
   }
   // The client repeats its request while it lacks the metadata: start the pass over.
   s->nextNew = 0;
   s->lost.clear();
   std::fill(std::begin(s->stamps), std::end(s->stamps), SendStamp{});
-  s->fillSpent = false;
   s->newestArrived = 0;
+  s->fillFrom = s->sendCount;
   restartPump(s, now);
 }
 
@@ -391,6 +451,6 @@ SendAck sendOnAck(SendSession *s, const uint8_t *d, int len, int64_t now) {
     }
     return SendAck::Complete;
   }
-  resumeAfterAck(s, now, baseBefore);
+  resumeAfterAck(s, now, baseBefore, d, len);
   return SendAck::Going;
 }

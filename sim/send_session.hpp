@@ -18,9 +18,11 @@ struct TransferService;
 
 struct SendStamp {
   uint32_t blk = 0;
-  uint64_t count = 0;          // 0: never sent
+  uint64_t count = 0;          // of its latest send; 0: never sent
   uint32_t resentInRound = 0;  // fill round of its last resend; 0 after a first send
-  int64_t sentUs = 0;
+  // The earliest of its sends not known lost: the send that its report as received proves
+  // arrived. A fill copy leaves it be, as the send before may still arrive.
+  uint64_t proof = 0;
 };
 
 struct ReportedEntry {
@@ -32,9 +34,10 @@ struct SendSession {
   TransferService *svc = nullptr;
   sockaddr_in peer{};
   KESTIL_TXState tx{};
-  bool passExhausted = false;  // nothing sendable until the next acknowledgement
-  double credit = 0.0;         // in bits of wire, IP/UDP overhead included
-  double paceBits = 1.0;       // bits per second the session is paced at
+  uint8_t meta[KESTIL_METADATA_LEN]{};  // block 0, digested once when the transfer starts
+  bool passExhausted = false;           // nothing sendable until the next acknowledgement
+  double credit = 0.0;                  // in bits of wire, IP/UDP overhead included
+  double paceBits = 1.0;                // bits per second the session is paced at
   int64_t lastCreditUs = 0;
   // Retransmission: every send is stamped with a running count, per block of the window, so
   // an acknowledgement that shows a later send arrived shows which earlier ones were lost.
@@ -42,22 +45,24 @@ struct SendSession {
   SendStamp stamps[BLK_RX_WINDOW]{};
   uint32_t nextNew = 0;     // the forward pass: lowest block never sent
   std::set<uint32_t> lost;  // blocks to send again before anything new
-  uint32_t fillNext = 0;    // rounds of unacknowledged blocks that fill an idle wire
+  // The share of sends that acknowledgements showed lost, over the recent sends they settled.
+  double sendsSettled = 0.0;
+  double sendsLost = 0.0;
+  // Rounds of unacknowledged blocks that fill an idle wire, within the fill budget: the
+  // datagrams sent since `fillFrom`, which what the client reports taking in moves on.
+  uint32_t fillNext = 0;
   uint32_t fillRound = 1;
   uint32_t fillSentInRound = 0;
+  uint64_t fillFrom = 0;
+  uint64_t newestArrived = 0;  // send count of the newest send known to have arrived
+  uint64_t sentAtLastAck = 0;  // send count when the last acknowledgement came
+  int64_t lastAckUs = 0;       // when it came (the transfer's start before the first)
+  // Fill datagrams beyond the budget that the last acknowledgement allows, and those sent since.
+  uint32_t fillAllowance = 0;
   uint32_t fillSentSinceAck = 0;
-  bool fillSpent = false;           // nothing more to fill with until an acknowledgement
-  bool fillSkippedInRound = false;  // the round passed over blocks too young to resend
-  int64_t fillWakeUs = 0;           // when the youngest block passed over may be resent; 0: none
-  // How long the newest block an acknowledgement reports arrived had been out when the
-  // acknowledgement came: the link's round trip plus the time the client's queue held it.
-  // The shortest of the recent ones counts: an acknowledgement the client sends on its 2 s
-  // timer reports a block that arrived long before, and at high loss most are such.
-  int64_t recentAges[8]{};
-  uint32_t agesSeen = 0;
-  int64_t ackAgeUs = 0;
-  uint64_t newestArrived = 0;  // send count of the newest block known to have arrived
-  uint32_t acksHeard = 0;      // the client's acknowledgements applied (not the request's)
+  std::vector<uint8_t> lastAck;
+  uint32_t acksHeard = 0;  // the client's acknowledgements applied (not the request's)
+  uint64_t dataSent = 0;   // datagrams of the file's blocks sent, copies included
   uint64_t pumpTimer = 0;
   bool removeOnConfirm = false;  // a report whose entries leave the queue once confirmed
   std::vector<ReportedEntry> reported;

@@ -38,6 +38,10 @@ struct TransferService {
   EmulatedSocket sock;
   std::map<uint64_t, std::unique_ptr<TransferSession>> sessions;  // by client address and port
   uint64_t housekeepingTimer = 0;
+  // What the transfers leaving the simulator sent, counted when each ends: datagrams of the
+  // files' blocks (copies included) and the blocks of those files, metadata included.
+  uint64_t datagramsSent = 0;
+  uint64_t blocksServed = 0;
 
   // Out of line, where the session record is complete.
   TransferService();
