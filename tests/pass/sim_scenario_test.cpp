@@ -63,6 +63,15 @@ std::map<std::string, std::string> archived(const std::string &archive) {
   return files;
 }
 
+// kestil-sim for one test; its folder goes once it has stopped.
+struct Sim : simt::Served {
+  using Served::Served;
+  ~Sim() {
+    stop();
+    fs::remove_all(dir);
+  }
+};
+
 kt::Result pass(const simt::Served &sim, const std::string &line, int ms = 60000) {
   return kt::run(sim.dir, "kestil-pass", kt::words("-h " + sim.addr + " --archive arch " + line), ms, KESTIL_PASS_BIN);
 }
@@ -71,8 +80,8 @@ TEST(SimPass, AScheduleDrainsTheQueueAcrossLossyPassesContinuingPartialFiles) {
   // 600 kbit/s, 5% loss each way: some 58 kB a second, so the 2 MiB file spans three or four of
   // the seven passes of 12 s, with room for a loaded host.
   const int64_t t0 = time(nullptr) + 2, up = 12, down = 1, passes = 7;
-  simt::Served sim("127.0.40.10", {"--rate", "600000", "--loss", "0.05", "--seed", "3", "--pass", "12:1",
-                                   "--pass-start", std::to_string(t0), "--idle", "6"});
+  Sim sim("127.0.40.10", {"--rate", "600000", "--loss", "0.05", "--seed", "3", "--pass", "12:1", "--pass-start",
+                          std::to_string(t0), "--idle", "6"});
   ASSERT_TRUE(sim.ready) << sim.err;
   const std::string big = kt::patternBytes(2 << 20, 1);
   serve(sim, {{"big/img.raw", big, 1, 5},
@@ -136,7 +145,7 @@ TEST(SimPass, AScheduleDrainsTheQueueAcrossLossyPassesContinuingPartialFiles) {
 }
 
 TEST(SimPass, ConfirmRemovesWhatIsCompleteAndANewVersionKeepsTheEarlierOne) {
-  simt::Served sim("127.0.40.11");
+  Sim sim("127.0.40.11");
   ASSERT_TRUE(sim.ready) << sim.err;
   serve(sim, {{"d/a.txt", kt::patternBytes(1000, 5), 0, 0}, {"b.txt", kt::patternBytes(3000, 6), 4, 1}});
   ASSERT_TRUE(kt::writeFile(sim.dir + "/outside.bin", "x"));
