@@ -54,13 +54,13 @@ bool everSent(const SendSession *s, uint32_t blk) {
 // its queue.
 constexpr uint32_t CLIENT_ACK_DATAGRAMS = 256;
 constexpr uint32_t FILL_ALLOWANCE = 2048;
-constexpr double HEAVY_LOSS = 0.05;
+constexpr double HEAVY_LOSS = 0.1;
 // And at least this often, whatever it takes in.
 constexpr int64_t CLIENT_ACK_CLOCK_US = 2000000;
 // The budget covers as many of those acknowledgements as it takes for at least one to cross
 // a link that loses as much as the sends do, short of this chance of losing them all; a
 // lossless link needs one.
-constexpr double ACK_MISS_CHANCE = 0.05;
+constexpr double ACK_MISS_CHANCE = 0.001;
 constexpr uint32_t MAX_ACKS_AHEAD = 8;
 // The loss estimate weighs about this many recent sends.
 constexpr double LOSS_MEMORY_SENDS = 4096;
@@ -247,10 +247,10 @@ void detectLosses(SendSession *s, uint32_t from) {
 // client's clock (or the last of several lost on the way): it took in fewer than 256 since
 // its last, so it is not behind, and the budget starts again from what has been sent. A copy
 // of the last acknowledgement that the link made, with nothing sent in between, changes
-// nothing.
+// nothing (an identical one on the client's clock is the client's: it heard nothing new).
 void moveFillBudget(SendSession *s, const uint8_t *ack, int len, int64_t now, uint32_t baseBefore,
                     uint64_t arrivedBefore) {
-  // On a link that loses one send in twenty or more, an acknowledgement whose base moved by fewer blocks
+  // On a link that loses one send in ten or more, an acknowledgement whose base moved by fewer blocks
   // than the sends it proves arrived shows blocks lost or copies taken in, not a queue of first
   // sends the client is behind on (those it reports in order, and its base moves by all of
   // them): the wire may then carry this many beyond the budget until the next one, so that
@@ -258,10 +258,11 @@ void moveFillBudget(SendSession *s, const uint8_t *ack, int len, int64_t now, ui
   s->fillSentSinceAck = 0;
   bool held = s->tx.rxVec.blkNumBase - baseBefore < s->newestArrived - arrivedBefore;
   s->fillAllowance = held && lossShare(s) >= HEAVY_LOSS ? FILL_ALLOWANCE : 0;
-  bool copy = s->sendCount == s->sentAtLastAck && s->lastAck.size() == static_cast<size_t>(len) &&
+  bool onClock = now - s->lastAckUs >= CLIENT_ACK_CLOCK_US;
+  bool copy = !onClock && s->sendCount == s->sentAtLastAck && s->lastAck.size() == static_cast<size_t>(len) &&
               std::equal(ack, ack + len, s->lastAck.begin());
   if (copy) return;
-  if (now - s->lastAckUs >= CLIENT_ACK_CLOCK_US) {
+  if (onClock) {
     s->fillFrom = s->sendCount;
   } else {
     s->fillFrom = std::max(s->newestArrived, std::min(s->sendCount, s->fillFrom + CLIENT_ACK_DATAGRAMS));
