@@ -14,7 +14,7 @@ one and shows the source line of each survivor. Python 3 standard library only.
     scripts/mutants.py --list           the catalogue, sampled mutants marked, nothing run
     scripts/mutants.py --only ID        one mutant of the catalogue, with its killer's output
 """
-import argparse, io, json, os, random, re, shutil, signal, subprocess, sys, tarfile, tempfile, time
+import argparse, hashlib, io, json, os, random, re, shutil, signal, subprocess, sys, tarfile, tempfile, time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 SCRATCH = os.path.join(ROOT, "build-mutants")
@@ -188,6 +188,15 @@ def head_tree():
             if member.isfile():
                 files[member.name] = (t.extractfile(member).read(), member.mode)
     return files
+
+
+def product_digest(files):
+    """One digest of every product source, so that two reports taken with different suites
+    show that they mutated the same code."""
+    h = hashlib.sha256()
+    for path in sorted(p for p in files if is_product(p)):
+        h.update(path.encode() + b"\0" + files[path][0])
+    return h.hexdigest()[:16]
 
 
 def is_product(path):
@@ -466,7 +475,8 @@ def main():
         return
 
     lines = ["Mutation check: mutants of the product code (C++ outside tests/ and bench/) against the fast tests",
-             "product commit: %s %s" % (commit, git("log", "-1", "--format=%s")),
+             "commit: %s %s" % (commit, git("log", "-1", "--format=%s")),
+             "product sources: digest %s" % product_digest(files),
              "seed: %d   sample: %d of a catalogue of %d mutants (%d of each kind, of %d candidates)"
              % (opts.seed, len(results), len(cat), CATALOGUE_PER_KIND, candidates),
              "score: %d of %d built mutants killed (%.1f%%); %d not built" %
