@@ -200,10 +200,8 @@ std::string rawRecord(const std::string &name, uint32_t size, uint8_t group, uin
 std::string zlibOf(const std::string &plain) {
   uLongf cap = compressBound(plain.size());
   std::string out(cap, '\0');
-  compress2(reinterpret_cast<Bytef *>(out.data()), &cap, reinterpret_cast<const Bytef *>(plain.data()), plain.size(),
-            9);
-  out.resize(cap);
-  return out;
+  compress(reinterpret_cast<Bytef *>(out.data()), &cap, reinterpret_cast<const Bytef *>(plain.data()), plain.size());
+  return out.substr(0, cap);
 }
 
 }  // namespace kt
