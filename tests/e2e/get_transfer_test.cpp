@@ -15,11 +15,12 @@ const std::vector<uint8_t> META = kt::metadataDatagram(CONTENT.size(), MD5);
 // Blocks 0-30 held: the window stops at 24, whose byte has blocks 24-30 (1111 1110).
 const std::vector<uint8_t> COMPLETE_ACK = kt::bytes({9, 0, 0, 0, 24, 0xFE});
 
-std::string ending(const std::string &verdict) {
-  return "MD5 time!\nclient done\n" + verdict + "\nElapsed time: T A\nWaiting for satellite to stop spamming...\n";
+kt::Result ending(int status, const std::string &verdict) {
+  return {status,
+          "File is 4230 bytes!\nMD5 time!\nclient done\n" + verdict +
+              "\nElapsed time: T A\nWaiting for satellite to stop spamming...\n",
+          ""};
 }
-
-}  // namespace
 
 TEST(GetDownload, CleanDownloadIgnoresMalformedAndRepeatedDatagrams) {
   kt::RemoteRun run("127.0.5.1", "kestil-get", {"-c", "/data/a.bin"});
@@ -30,19 +31,15 @@ TEST(GetDownload, CleanDownloadIgnoresMalformedAndRepeatedDatagrams) {
   // without its number, an unknown code; a stray block past the file's end before its metadata.
   std::vector<uint8_t> tiny = kt::metadataDatagram(1, MD5), shortMeta(tiny.begin(), tiny.end() - 1), longMeta = tiny;
   longMeta.push_back(0);
-  const std::vector<uint8_t> stray = kt::blockDatagram(kt::patternBytes(40 * 141, 9), 40);
-  for (auto junk :
-       {shortMeta, longMeta, kt::metadataDatagram(1, MD5, 2), kt::bytes({5}), kt::bytes({12, 1, 2, 3}), stray})
+  for (auto junk : {shortMeta, longMeta, kt::metadataDatagram(1, MD5, 2), kt::bytes({5}), kt::bytes({12, 1, 2, 3}),
+                    kt::blockDatagram(kt::patternBytes(40 * 141, 9), 40), META})
     run.send(junk);
-  run.send(META);
   for (uint32_t b = 1; b <= 30; ++b) {
     run.send(kt::blockDatagram(CONTENT, b));
     if (b == 2) run.send(overlong), run.send(kt::blockDatagram(CONTENT, 2)), run.send(META);
   }
   kt::Served seen = run.serve(CONTENT);
-  kt::Result r = run.finish();
-
-  EXPECT_EQ(kt::plainShown(r), (kt::Shown{0, "File is 4230 bytes!\n" + ending("Received file a.bin..."), ""}));
+  EXPECT_EQ(kt::plainShown(run.finish()), ending(0, "Received file a.bin..."));
   EXPECT_EQ(kt::readFile(run.dir + "/a.bin"), CONTENT);
   EXPECT_FALSE(kt::exists(run.dir + "/.a.bin.kestil_state"));
   EXPECT_TRUE(seen.requests.empty());
@@ -53,9 +50,7 @@ TEST(GetDownload, LostMetadataAndBlocksAreRecoveredThroughAcknowledgements) {
   std::string content = kt::patternBytes(40 * 141 - 17, 2);
   kt::RemoteRun run("127.0.5.2", "kestil-get", {"-t", "10", "lossy.bin"});
   kt::Served seen = run.serve(content, {.dropPercent = 25, .seed = 3, .dropMetadata = 1, .blocksOnRepeat = false});
-  kt::Result r = run.finish();
-
-  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(run.finish().status, 0);
   EXPECT_EQ(kt::readFile(run.dir + "/lossy.bin"), content);
   ASSERT_FALSE(seen.dropped.empty());
   // Without the metadata the request goes out again after a second of silence.
@@ -67,27 +62,24 @@ TEST(GetDownload, LostMetadataAndBlocksAreRecoveredThroughAcknowledgements) {
     EXPECT_EQ(kt::ackHas(seen.acks[0].data(), seen.acks[0].size(), b), b <= 1 && seen.dropped.count(b) == 0) << b;
 }
 
-TEST(GetDownload, LaterDifferentMetadataReplacesTheDigestAndFailsIt) {
-  kt::RemoteRun run("127.0.5.4", "kestil-get", {"d.bin"});
-  ASSERT_FALSE(run.recv().empty());
-  run.send(META);
-  for (uint32_t b = 1; b < 30; ++b) run.send(kt::blockDatagram(CONTENT, b));
-  run.send(kt::metadataDatagram(CONTENT.size(), kt::md5Raw("something else")));
-  run.send(kt::blockDatagram(CONTENT, 30));
-  kt::Served seen = run.serve(CONTENT);
-  kt::Result r = run.finish();
-
-  EXPECT_EQ(kt::plainShown(r), (kt::Shown{12, "File is 4230 bytes!\n" + ending("Checksum failed on d.bin..."), ""}));
-  EXPECT_FALSE(kt::exists(run.dir + "/d.bin"));
-  EXPECT_FALSE(kt::exists(run.dir + "/.d.bin.kestil_state"));
+// A later metadata datagram with another digest replaces the first; metadata from another
+// port or host is refused, and a block from another host is taken all the same.
+TEST(GetDownload, ReplacedDigestOrForeignBlockFailsTheChecksum) {
+  kt::RemoteRun later("127.0.5.4", "kestil-get", {"d.bin"});
+  ASSERT_FALSE(later.recv().empty());
+  later.send(META);
+  for (uint32_t b = 1; b < 30; ++b) later.send(kt::blockDatagram(CONTENT, b));
+  later.send(kt::metadataDatagram(CONTENT.size(), kt::md5Raw("something else")));
+  later.send(kt::blockDatagram(CONTENT, 30));
+  kt::Served seen = later.serve(CONTENT);
+  EXPECT_EQ(kt::plainShown(later.finish()), ending(12, "Checksum failed on d.bin..."));
+  EXPECT_FALSE(kt::exists(later.dir + "/d.bin"));
+  EXPECT_FALSE(kt::exists(later.dir + "/.d.bin.kestil_state"));
   kt::expectClosing(seen.acks, seen.ackMs, COMPLETE_ACK);
-}
 
-TEST(GetDownload, ForeignMetadataIsRefusedAndForeignBlocksFailTheDigest) {
   kt::RemoteRun run("127.0.5.7", "kestil-get", {"f.bin"});
   kt::UdpPeer otherPort, otherHost;
-  ASSERT_TRUE(otherPort.bind("127.0.5.7", 3224));
-  ASSERT_TRUE(otherHost.bind("127.0.5.17", 3223));
+  ASSERT_TRUE(otherPort.bind("127.0.5.7", 3224) && otherHost.bind("127.0.5.17", 3223));
   ASSERT_FALSE(run.recv().empty());
   otherPort.send(kt::metadataDatagram(1, MD5), run.client);
   otherHost.send(kt::metadataDatagram(1, MD5), run.client);
@@ -97,24 +89,19 @@ TEST(GetDownload, ForeignMetadataIsRefusedAndForeignBlocksFailTheDigest) {
   otherHost.send(kt::blockDatagram(forged, 3), run.client);
   for (uint32_t b = 1; b <= 30; ++b)
     if (b != 3) run.send(kt::blockDatagram(CONTENT, b));
-  kt::Result r = run.finish();
-
-  EXPECT_EQ(kt::plainShown(r), (kt::Shown{12, "File is 4230 bytes!\n" + ending("Checksum failed on f.bin..."), ""}));
+  EXPECT_EQ(kt::plainShown(run.finish()), ending(12, "Checksum failed on f.bin..."));
 }
 
 TEST(GetDownload, ErrorReportEndsWithStatus14AndKeepsBothFiles) {
-  struct Case {
-    std::vector<uint8_t> report;
-    std::string out;
-  } cases[] = {
+  const std::pair<std::vector<uint8_t>, std::string> cases[] = {
       {kt::bytes({15, 0, 0, 0, 1, 0xFF, 0xFF, 0xFF, 0xFE, 0, 0, 0, 3}), "Server returned error code: 1, -2, 3\n"},
       {kt::bytes({15, 0, 0, 0, 1}), ""},  // another length: the same end, without the line
   };
-  for (const Case &k : cases) {
+  for (const auto &[report, out] : cases) {
     kt::RemoteRun run("127.0.5.5", "kestil-get", {"e.bin"});
     EXPECT_EQ(run.recv(), kt::request(10, 0, "e.bin"));
-    run.send(k.report);
-    EXPECT_EQ(kt::shown(run.finish()), (kt::Shown{14, k.out, ""}));
+    run.send(report);
+    EXPECT_EQ(run.finish(), (kt::Result{14, out, ""}));
     EXPECT_TRUE(kt::exists(run.dir + "/e.bin"));
     EXPECT_EQ(kt::readFile(run.dir + "/.e.bin.kestil_state").size(), 2248u);
   }
@@ -124,7 +111,7 @@ TEST(GetDownload, SilenceEndsAtTheIdleLimitWithSevenClosingAcks) {
   // -t 0: the first idle tick ends it. The size is unknown: one vector byte.
   kt::RemoteRun zero("127.0.5.6", "kestil-get", {"-t", "0", "z.bin"});
   kt::Served s0 = zero.serve("", {.answer = false});
-  EXPECT_EQ(kt::shown(zero.finish()), (kt::Shown{13, "\nWaiting for satellite to stop spamming...\n", ""}));
+  EXPECT_EQ(zero.finish(), (kt::Result{13, "\nWaiting for satellite to stop spamming...\n", ""}));
   EXPECT_EQ(s0.requests.size(), 1u);
   EXPECT_EQ(s0.finals.size(), 7u);
   kt::expectClosing(s0.finals, s0.finalMs, kt::bytes({14, 0, 0, 0, 0, 0}));
@@ -137,3 +124,5 @@ TEST(GetDownload, SilenceEndsAtTheIdleLimitWithSevenClosingAcks) {
   EXPECT_EQ(s3.requests, std::vector(3, kt::request(10, 8, "r.bin")));
   EXPECT_EQ(s3.finals.size(), 7u);
 }
+
+}  // namespace

@@ -2,33 +2,25 @@
 // of damage ending the reading after the records before it.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 #include "station/station.hpp"
 #include "tests/listing/listing_records.hpp"
-#include "tests/support/test_support.hpp"
 
 namespace {
 
 std::vector<std::string> logLines;
 
-struct ListingReader : ::testing::Test {
-  void SetUp() override {
-    DBG_setHook([](int, const char *line) { logLines.emplace_back(line); });
-  }
-  void TearDown() override {
-    DBG_setHook(nullptr);
-    std::filesystem::remove_all(dir);
-  }
-  std::string put(const std::string &bytes) {
-    logLines.clear();
-    kt::writeFile(dir + "/l", bytes);
-    return dir + "/l";
-  }
-  std::string dir = kt::makeTempDir();
-};
+// The records read from a file of `bytes`; what the debug log said in logLines.
+std::vector<std::string> read(const std::string &bytes, int *rc = nullptr) {
+  const std::string path = kt::makeTempDir() + "/l";
+  kt::writeFile(path, bytes);
+  logLines.clear();
+  DBG_setHook([](int, const char *line) { logLines.emplace_back(line); });
+  std::vector<std::string> records = kt::listingRecords(path, rc);
+  DBG_setHook(nullptr);
+  return records;
+}
 
-TEST_F(ListingReader, DeliversALongListingWholeAndInOrder) {
+TEST(ListingReader, DeliversALongListingWholeAndInOrder) {
   // A 4128-byte record, then 1500 records of up to 2064 bytes with poorly compressible
   // names: the file spans many reads and the decoded buffer is refilled many times.
   std::string plain = kt::rawRecord(std::string(4118, 'n'), 1, 2, 3, 4);
@@ -40,22 +32,20 @@ TEST_F(ListingReader, DeliversALongListingWholeAndInOrder) {
     want.push_back("80/" + std::to_string(i & 0xFF) + "/9/" + std::to_string(i * 7919) + "/" + name);
   }
   int rc = -9;
-  EXPECT_EQ(kt::listingRecords(put(kt::zlibOf(plain)), &rc), want);
+  EXPECT_EQ(read(kt::zlibOf(plain), &rc), want);
   EXPECT_EQ(rc, 0);
   EXPECT_TRUE(logLines.empty());
 }
 
-TEST_F(ListingReader, DamageEndsTheReadingAfterTheRecordsBeforeIt) {
+TEST(ListingReader, DamageEndsTheReadingAfterTheRecordsBeforeIt) {
   const std::string a = kt::rawRecord("a", 5, 0, 0, 0);
-  std::string many;
-  for (int i = 0; i < 400; ++i) many += kt::rawRecord(std::to_string(i), i, 0, 0, 0);
-  const std::string manyZ = kt::zlibOf(many);
+  const std::vector<std::string> cut{"NOT OK: ", "unknown - -5\n"};
   const struct {
     std::string file;
     size_t records;
     std::vector<std::string> log;
   } cases[] = {
-      {"", 0, {"NOT OK: ", "unknown - -5\n"}},
+      {"", 0, cut},
       {"plain text, not a listing", 0, {"NOT OK: ", "Invalid or incomplete deflate data\n"}},
       {kt::zlibOf(a + std::string("\x01\x2c", 2) + "rest"), 1, {"Record too long: 300 vs 6\n"}},
       {kt::zlibOf(a + std::string("\x00\x03xyz", 5)), 1, {"Record too short: 3\n"}},
@@ -65,18 +55,19 @@ TEST_F(ListingReader, DamageEndsTheReadingAfterTheRecordsBeforeIt) {
   };
   for (const auto &c : cases) {
     int rc = -9;
-    const auto got = kt::listingRecords(put(c.file), &rc);
+    EXPECT_EQ(read(c.file, &rc), std::vector<std::string>(c.records, "0/0/0/5/a"));
     EXPECT_EQ(rc, 0);
     EXPECT_EQ(logLines, c.log);
-    EXPECT_EQ(got, std::vector<std::string>(c.records, "0/0/0/5/a"));
   }
   // A cut file delivers a prefix of its records and ends on the missing input.
-  const auto got = kt::listingRecords(put(manyZ.substr(0, manyZ.size() / 2)));
+  std::string many;
+  for (int i = 0; i < 400; ++i) many += kt::rawRecord(std::to_string(i), i, 0, 0, 0);
+  const std::vector<std::string> got = read(kt::zlibOf(many).substr(0, kt::zlibOf(many).size() / 2));
   ASSERT_GT(got.size(), 0u);
   EXPECT_LT(got.size(), 400u);
   const std::string last = std::to_string(got.size() - 1);
   EXPECT_EQ(got.back(), "0/0/0/" + last + "/" + last);
-  EXPECT_EQ(logLines, (std::vector<std::string>{"NOT OK: ", "unknown - -5\n"}));
+  EXPECT_EQ(logLines, cut);
 }
 
 }  // namespace

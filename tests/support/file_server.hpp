@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <map>
 #include <regex>
 #include <set>
@@ -29,17 +28,15 @@ inline void putBe32(std::vector<uint8_t> &v, uint32_t x) {
 // A request as the client sends it: code, flags, block size 141, request 1, the name, NUL.
 inline std::vector<uint8_t> request(uint8_t code, uint8_t flags, const std::string &name) {
   std::vector<uint8_t> r{code, flags, 0, 0x8D, 0, 0, 0, 1};
-  for (char c : name) r.push_back(static_cast<uint8_t>(c));
+  r.insert(r.end(), name.begin(), name.end());
   r.push_back(0);
   return r;
 }
 
-inline std::vector<uint8_t> metadataDatagram(size_t size, const std::string &md5, uint32_t reqId = 1) {
+inline std::vector<uint8_t> metadataDatagram(size_t size, const std::string &md5, uint32_t reqId = 1,
+                                             uint32_t mtime = 1700000000) {
   std::vector<uint8_t> m{4};
-  putBe32(m, reqId);
-  putBe32(m, static_cast<uint32_t>(size));
-  putBe32(m, 1700000000);
-  putBe32(m, 0);
+  for (uint32_t x : {reqId, static_cast<uint32_t>(size), mtime, 0u}) putBe32(m, x);
   m.insert(m.end(), md5.begin(), md5.end());
   return m;
 }
@@ -59,17 +56,8 @@ inline std::vector<uint8_t> blockDatagram(const std::string &content, uint32_t n
 inline bool ackHas(const uint8_t *ack, size_t len, uint32_t b) {
   if (len < 5) return false;
   uint32_t base = static_cast<uint32_t>(ack[1]) << 24 | ack[2] << 16 | ack[3] << 8 | ack[4];
-  if (b < base) return true;
   size_t byte = (b - base) / 8;
-  return 5 + byte < len && (ack[5 + byte] & (0x80 >> (b % 8))) != 0;
-}
-
-// Where a request's piggy-backed acknowledgement starts (its length when it has none).
-inline size_t piggyBackAt(const std::vector<uint8_t> &req) {
-  if (req[0] == 11) return 9 + 9 * static_cast<size_t>(req[8]);
-  size_t i = 8;
-  while (i < req.size() && req[i] != 0) ++i;
-  return i + 1;
+  return b < base || (5 + byte < len && (ack[5 + byte] & (0x80 >> (b % 8))) != 0);
 }
 
 struct ServeOptions {
@@ -102,11 +90,10 @@ inline Served serveFile(UdpPeer &peer, pid_t client, const std::string &content,
   std::set<uint32_t> sent;
   int metaToDrop = o.dropMetadata;
   sockaddr_in from{};
-  auto sendMeta = [&] {
-    if (metaToDrop-- <= 0) peer.send(metadataDatagram(content.size(), md5Raw(content)), from);
-  };
-  auto sendMissing = [&](const uint8_t *ack, size_t len) {
-    for (uint32_t b = 1; b < lastBlk; ++b) {
+  auto answer = [&](const uint8_t *ack, size_t len, bool blocks) {
+    if ((ack == nullptr || !ackHas(ack, len, 0)) && metaToDrop-- <= 0)
+      peer.send(metadataDatagram(content.size(), md5Raw(content)), from);
+    for (uint32_t b = 1; blocks && b < lastBlk; ++b) {
       if (ack != nullptr && ackHas(ack, len, b)) continue;
       rng ^= rng << 13, rng ^= rng >> 17, rng ^= rng << 5;
       if (sent.insert(b).second && static_cast<int>(rng % 100) < o.dropPercent)
@@ -118,24 +105,21 @@ inline Served serveFile(UdpPeer &peer, pid_t client, const std::string &content,
   uint8_t buf[2048];
   for (long long deadline = nowMs() + 30000; nowMs() < deadline;) {
     int n = peer.recv(buf, sizeof buf, &from, 50);
-    if (n <= 0) {
-      if (childEnded(client)) break;
-      continue;
-    }
+    if (n <= 0 && childEnded(client)) break;
+    if (n <= 0) continue;
     std::vector<uint8_t> d(buf, buf + n);
     if (d[0] == 9) seen.acks.push_back(d), seen.ackMs.push_back(nowMs());
     if (d[0] == 14) seen.finals.push_back(d), seen.finalMs.push_back(nowMs());
     if (d[0] == 10 || d[0] == 2 || d[0] == 11) seen.requests.push_back(d);
-    if (!o.answer) continue;
+    if (!o.answer || d[0] == 14) continue;
     if (d[0] == 9) {
-      if (!ackHas(buf, n, 0)) sendMeta();
-      sendMissing(buf, n);
-    } else if (d[0] != 14) {
-      size_t at = piggyBackAt(d);
-      const uint8_t *ack = at + 5 <= d.size() ? buf + at : nullptr;
-      if (ack == nullptr || !ackHas(ack, n - at, 0)) sendMeta();
-      if (seen.requests.size() == 1 || o.blocksOnRepeat) sendMissing(ack, n - at);
+      answer(buf, n, true);
+      continue;
     }
+    // A request's piggy-backed acknowledgement follows its name (a report request: its limits).
+    size_t at = d[0] == 11 ? 9 + 9 * static_cast<size_t>(d[8]) : 8;
+    while (d[0] != 11 && at < d.size() && d[at++] != 0) {}
+    answer(at + 5 <= d.size() ? buf + at : nullptr, n - at, seen.requests.size() == 1 || o.blocksOnRepeat);
   }
   return seen;
 }
@@ -153,17 +137,12 @@ struct RemoteRun {
       std::fprintf(stderr, "cannot bind %s:3223: another test holds it\n", ip);
       std::abort();
     }
-    for (const auto &[name, content] : files) {
-      std::filesystem::create_directories(std::filesystem::path(dir + "/" + name).parent_path());
-      writeFile(dir + "/" + name, content);
-    }
+    for (const auto &[name, content] : files) writeFile(dir + "/" + name, content);
     args.insert(args.begin(), {"-h", ip});
     child = start(dir, command, args);
   }
   ~RemoteRun() {  // a run left unfinished by a failed assertion does not outlive its test
-    if (child.pid <= 0) return;
-    kill(child.pid, SIGKILL);
-    kt::finish(child, 5000);
+    if (child.pid > 0) kill(child.pid, SIGKILL), kt::finish(child, 5000);
   }
   std::vector<uint8_t> recv(int timeoutMs = 5000) { return peer.recv(&client, timeoutMs); }
   void send(const std::vector<uint8_t> &d) { peer.send(d, client); }
@@ -173,16 +152,14 @@ struct RemoteRun {
   Result finish() { return kt::finish(child, 30000); }
 };
 
-// Standard output without progress redraws and block traces, its times as T and average as A.
-inline std::string plainOut(const std::string &out) {
+// A run as the operator sees it, standard output without progress redraws and block traces,
+// its times as T and average as A.
+inline Result plainShown(const Result &r) {
   static const std::regex noise("\r\\[[^\\]]{50}\\]|   block \\d+, ");
   static const std::regex elapsed("Elapsed time: \\d\\d:\\d\\d:\\d\\d\\.\\d{6}");
   static const std::regex avg("      Avg Bps: \\d+\\.\\d\\d");
-  std::string s = std::regex_replace(out, noise, "");
-  return std::regex_replace(std::regex_replace(s, elapsed, "Elapsed time: T"), avg, " A");
+  std::string s = std::regex_replace(r.out, noise, "");
+  return {r.status, std::regex_replace(std::regex_replace(s, elapsed, "Elapsed time: T"), avg, " A"), r.err};
 }
-
-// A run as the operator sees it, with standard output normalised as above.
-inline Shown plainShown(const Result &r) { return {r.status, plainOut(r.out), r.err}; }
 
 }  // namespace kt

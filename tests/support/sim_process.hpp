@@ -37,10 +37,8 @@ inline std::vector<std::string> tableRows(const std::string &out, bool sorted = 
   std::vector<std::string> rows;
   std::istringstream in(out);
   bool on = false;
-  for (std::string line; std::getline(in, line);) {
+  for (std::string line; std::getline(in, line); on = on || line == "flags    group    priority size     filename")
     if (on) rows.push_back(line);
-    on = on || line == "flags    group    priority size     filename";
-  }
   if (sorted) std::sort(rows.begin(), rows.end());
   return rows;
 }
@@ -63,19 +61,14 @@ struct Sim {
     err = end.err;
     return end.status;
   }
+  // Starts kestil-sim in `cwd`; true once it says it serves or relays.
+  bool start(const std::string &cwd, const std::vector<std::string> &args) {
+    child = kt::start(cwd, "kestil-sim", args, KESTIL_SIM_BIN);
+    eventually([&] { return (err = kt::readFile(child.errPath)).find('\n') != err.npos || kt::childEnded(child.pid); },
+               5000);
+    return err.starts_with("kestil-sim: serving") || err.starts_with("kestil-sim: relaying");
+  }
 };
-
-// Starts kestil-sim in `cwd`; true once it says it serves or relays.
-inline bool start(Sim *sim, const std::string &cwd, const std::vector<std::string> &args) {
-  sim->child = kt::start(cwd, "kestil-sim", args, KESTIL_SIM_BIN);
-  eventually(
-      [&] {
-        sim->err = kt::readFile(sim->child.errPath);
-        return sim->err.find('\n') != std::string::npos || kt::childEnded(sim->child.pid);
-      },
-      5000);
-  return sim->err.starts_with("kestil-sim: serving") || sim->err.starts_with("kestil-sim: relaying");
-}
 
 // kestil-sim serving dir/root on `addr` (port 3223, file manager 3224) with `extra` options;
 // `ready` once it listens. `run` runs a command against it in `cwd`.
@@ -86,9 +79,9 @@ struct Served : Sim {
   bool ready = false;
   Served(const char *ip, std::vector<std::string> extra = {}) : addr(ip), args(std::move(extra)) {
     args.insert(args.begin(), {"--root", "root", "--addr", addr});
-    ready = start(this, dir, args);
+    ready = start(dir, args);
   }
-  bool restart() { return stop() == 0 && start(this, dir, args); }
+  bool restart() { return stop() == 0 && start(dir, args); }
   kt::Result run(const std::string &cwd, const std::string &command, std::vector<std::string> a, int ms = 30000) {
     a.insert(a.begin(), {"-h", addr});
     return kt::run(cwd, command, a, ms);

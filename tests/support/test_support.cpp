@@ -2,7 +2,6 @@
 #include "tests/support/test_support.hpp"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <md5.h>
 #include <poll.h>
@@ -14,9 +13,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -43,14 +40,11 @@ UdpPeer::~UdpPeer() {
 
 bool UdpPeer::bind(const char *ip, uint16_t port) {
   fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd_ < 0) return false;
-  addr_.sin_family = AF_INET;
-  addr_.sin_port = htons(port);
-  if (inet_aton(ip, &addr_.sin_addr) == 0) return false;
-  if (::bind(fd_, reinterpret_cast<sockaddr *>(&addr_), sizeof addr_) != 0) return false;
+  addr_ = {AF_INET, htons(port), {}, {}};
   socklen_t len = sizeof addr_;
-  getsockname(fd_, reinterpret_cast<sockaddr *>(&addr_), &len);
-  return true;
+  return fd_ >= 0 && inet_aton(ip, &addr_.sin_addr) != 0 &&
+         ::bind(fd_, reinterpret_cast<sockaddr *>(&addr_), sizeof addr_) == 0 &&
+         getsockname(fd_, reinterpret_cast<sockaddr *>(&addr_), &len) == 0;
 }
 
 int UdpPeer::recv(uint8_t *buf, int size, sockaddr_in *from, int timeoutMs) {
@@ -59,18 +53,17 @@ int UdpPeer::recv(uint8_t *buf, int size, sockaddr_in *from, int timeoutMs) {
     int ready = poll(&p, 1, static_cast<int>(std::max(0LL, deadline - nowMs())));
     if (ready < 0 && errno == EINTR) continue;
     if (ready <= 0) return -1;
+    socklen_t len = sizeof(sockaddr_in);
     sockaddr_in sender{};
-    socklen_t len = sizeof sender;
     ssize_t n = recvfrom(fd_, buf, static_cast<size_t>(size), 0, reinterpret_cast<sockaddr *>(&sender), &len);
-    if (n >= 0 && from != nullptr) *from = sender;
+    if (from != nullptr) *from = sender;
     return n < 0 ? -1 : static_cast<int>(n);
   }
 }
 
 std::vector<uint8_t> UdpPeer::recv(sockaddr_in *from, int timeoutMs) {
   std::vector<uint8_t> buf(2048);
-  int n = recv(buf.data(), static_cast<int>(buf.size()), from, timeoutMs);
-  buf.resize(n < 0 ? 0 : static_cast<size_t>(n));
+  buf.resize(std::max(0, recv(buf.data(), static_cast<int>(buf.size()), from, timeoutMs)));
   return buf;
 }
 
@@ -80,43 +73,36 @@ int UdpPeer::send(const void *buf, int len, const sockaddr_in &to) {
 }
 
 Child start(const std::string &cwd, const std::string &argv0, const std::vector<std::string> &args, const char *exe) {
-  Child child;
   static int serial = 0;
   std::string stem = cwd + "/.kt-run-" + std::to_string(getpid()) + "-" + std::to_string(serial++);
-  child.outPath = stem + ".out";
-  child.errPath = stem + ".err";
-  pid_t pid = fork();
-  if (pid == 0) {
-    if (chdir(cwd.c_str()) != 0) _exit(127);
+  Child child{-1, stem + ".out", stem + ".err"};
+  std::vector<char *> argv{const_cast<char *>(argv0.c_str())};
+  for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+  argv.push_back(nullptr);
+  child.pid = fork();
+  if (child.pid == 0) {
     int in = open("/dev/null", O_RDONLY), out = open(child.outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644),
         err = open(child.errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (in < 0 || out < 0 || err < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(127);
-    std::vector<char *> argv;
-    argv.push_back(const_cast<char *>(argv0.c_str()));
-    for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(exe != nullptr ? exe : KESTIL_BIN, argv.data());
+    if (chdir(cwd.c_str()) == 0 && in >= 0 && out >= 0 && err >= 0 && dup2(in, 0) == 0 && dup2(out, 1) == 1 &&
+        dup2(err, 2) == 2)
+      execv(exe != nullptr ? exe : KESTIL_BIN, argv.data());
     _exit(127);
   }
-  child.pid = pid;
   return child;
 }
 
 Result finish(Child &child, int timeoutMs) {
   Result r;
   if (child.pid <= 0) return r;  // never started, or already collected
-  long long deadline = nowMs() + timeoutMs;
   int status = 0;
-  for (; waitpid(child.pid, &status, WNOHANG) != child.pid; usleep(2000)) {
+  for (long long deadline = nowMs() + timeoutMs; waitpid(child.pid, &status, WNOHANG) != child.pid; usleep(2000)) {
     if (nowMs() > deadline) {
       kill(child.pid, SIGKILL);
       waitpid(child.pid, &status, 0);
       break;
     }
   }
-  if (WIFEXITED(status)) r.status = WEXITSTATUS(status);
-  r.out = readFile(child.outPath);
-  r.err = readFile(child.errPath);
+  r = {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(child.outPath), readFile(child.errPath)};
   unlink(child.outPath.c_str());
   unlink(child.errPath.c_str());
   child.pid = -1;
@@ -129,24 +115,18 @@ Result run(const std::string &cwd, const std::string &argv0, const std::vector<s
   return finish(child, timeoutMs);
 }
 
-namespace {
-
-// The directories makeTempDir made, removed with all they hold when the test process exits;
-// every test case runs in a process of its own, so this is the end of the test.
-struct TempDirs {
-  pid_t owner = getpid();
-  std::vector<std::string> paths;
-  ~TempDirs() {
-    std::error_code ec;
-    if (getpid() == owner)  // a forked child leaves them to the test
-      for (const std::string &p : paths) std::filesystem::remove_all(p, ec);
-  }
-};
-
-}  // namespace
-
 std::string makeTempDir() {
-  static TempDirs made;
+  // Every test case runs in a process of its own, so its exit is the end of the test; a forked
+  // child leaves the directories to the test.
+  static struct Made {
+    pid_t owner = getpid();
+    std::vector<std::string> paths;
+    ~Made() {
+      std::error_code ec;
+      for (const std::string &p : paths)
+        if (getpid() == owner) std::filesystem::remove_all(p, ec);
+    }
+  } made;
   const char *base = std::getenv("TMPDIR");
   std::string templ = std::string(base != nullptr ? base : "/tmp") + "/kestil-test-XXXXXX";
   if (mkdtemp(templ.data()) == nullptr) return std::string();
@@ -155,16 +135,15 @@ std::string makeTempDir() {
 }
 
 std::string readFile(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream s;
-  s << in.rdbuf();
+  s << std::ifstream(path, std::ios::binary).rdbuf();
   return s.str();
 }
 
 bool writeFile(const std::string &path, const std::string &content) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << content;
-  return static_cast<bool>(out);
+  std::error_code ec;
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+  return static_cast<bool>(std::ofstream(path, std::ios::binary | std::ios::trunc) << content);
 }
 
 bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
@@ -172,11 +151,9 @@ bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 std::string patternBytes(size_t size, uint32_t seed) {
   std::string s(size, '\0');
   uint32_t x = seed * 2654435761u + 1;
-  for (size_t i = 0; i < size; ++i) {
-    x ^= x << 13;
-    x ^= x >> 17;
-    x ^= x << 5;
-    s[i] = static_cast<char>(x);
+  for (char &c : s) {
+    x ^= x << 13, x ^= x >> 17, x ^= x << 5;
+    c = static_cast<char>(x);
   }
   return s;
 }
@@ -206,11 +183,9 @@ std::vector<std::string> words(const std::string &line) {
 
 std::vector<std::string> namesStartingWith(const std::string &dir, const std::string &prefix) {
   std::vector<std::string> names;
-  if (DIR *d = opendir(dir.c_str())) {
-    while (dirent *e = readdir(d))
-      if (std::string n = e->d_name; n != "." && n != ".." && n.starts_with(prefix)) names.push_back(n);
-    closedir(d);
-  }
+  std::error_code ec;
+  for (const auto &e : std::filesystem::directory_iterator(dir, ec))
+    if (std::string n = e.path().filename(); n.starts_with(prefix)) names.push_back(n);
   std::sort(names.begin(), names.end());
   return names;
 }
@@ -225,10 +200,8 @@ std::string rawRecord(const std::string &name, uint32_t size, uint8_t group, uin
 std::string zlibOf(const std::string &plain) {
   uLongf cap = compressBound(plain.size());
   std::string out(cap, '\0');
-  compress2(reinterpret_cast<Bytef *>(out.data()), &cap, reinterpret_cast<const Bytef *>(plain.data()), plain.size(),
-            9);
-  out.resize(cap);
-  return out;
+  compress(reinterpret_cast<Bytef *>(out.data()), &cap, reinterpret_cast<const Bytef *>(plain.data()), plain.size());
+  return out.substr(0, cap);
 }
 
 }  // namespace kt

@@ -21,15 +21,12 @@ class UdpPeer {
   UdpPeer(const UdpPeer &) = delete;
   UdpPeer &operator=(const UdpPeer &) = delete;
   ~UdpPeer();
-  // Binds ip:port (port 0: any free port). False on failure.
-  bool bind(const char *ip, uint16_t port);
+  bool bind(const char *ip, uint16_t port);  // port 0: any free port; false on failure
   // One datagram within timeoutMs; its length, or -1 on time-out or error.
   int recv(uint8_t *buf, int size, sockaddr_in *from, int timeoutMs);
   std::vector<uint8_t> recv(sockaddr_in *from, int timeoutMs);  // empty on time-out
   int send(const void *buf, int len, const sockaddr_in &to);
-  int send(const std::vector<uint8_t> &bytes, const sockaddr_in &to) {
-    return send(bytes.data(), static_cast<int>(bytes.size()), to);
-  }
+  int send(const std::vector<uint8_t> &d, const sockaddr_in &to) { return send(d.data(), int(d.size()), to); }
   const sockaddr_in &address() const { return addr_; }
   int fd() const { return fd_; }
 
@@ -38,27 +35,21 @@ class UdpPeer {
   sockaddr_in addr_{};
 };
 
+// What a run shows the operator, compared whole: exit status (-1 when killed by a signal, the
+// test's deadline among them), standard output, standard error.
 struct Result {
-  std::string out, err;
-  int status = -1;  // exit status, or -1 when killed by a signal (the test's deadline among them)
-};
-
-// What a run shows the operator, compared whole: exit status, standard output, standard error.
-struct Shown {
   int status = -1;
   std::string out, err;
-  bool operator==(const Shown &) const = default;
+  bool operator==(const Result &) const = default;
 };
-inline Shown shown(const Result &r) { return {r.status, r.out, r.err}; }
-inline void PrintTo(const Shown &s, std::ostream *os) {
-  *os << "status " << s.status << ", out \"" << s.out << "\", err \"" << s.err << "\"";
+inline void PrintTo(const Result &r, std::ostream *os) {
+  *os << "status " << r.status << ", out \"" << r.out << "\", err \"" << r.err << "\"";
 }
 
-// A running kestil process; its stdout and stderr go to files in `dir`.
+// A running kestil process; its stdout and stderr go to files in its working directory.
 struct Child {
   pid_t pid = -1;
-  std::string outPath;
-  std::string errPath;
+  std::string outPath, errPath;
 };
 
 // Starts `exe` (the kestil executable unless given) in `cwd` as argv0 (a command name such as
@@ -78,7 +69,7 @@ bool childEnded(pid_t pid);
 // process exits.
 std::string makeTempDir();
 std::string readFile(const std::string &path);
-bool writeFile(const std::string &path, const std::string &content);
+bool writeFile(const std::string &path, const std::string &content);  // creating the folders on the way
 bool exists(const std::string &path);
 // Deterministic pseudo-random content of `size` bytes.
 std::string patternBytes(size_t size, uint32_t seed);
@@ -87,7 +78,7 @@ std::string md5Raw(const std::string &content);  // the 16 digest bytes
 std::vector<uint8_t> bytes(std::initializer_list<int> list);
 // The blank-separated words of `line`: argument lists written as one string.
 std::vector<std::string> words(const std::string &line);
-// The names in `dir` that start with `prefix` ("" for all), sorted, without "." and "..".
+// The names in `dir` that start with `prefix` ("" for all), sorted.
 std::vector<std::string> namesStartingWith(const std::string &dir, const std::string &prefix);
 
 // One listing record's bytes (big-endian length and size, group, priority, flags, name, NUL)
