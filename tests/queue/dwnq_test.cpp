@@ -4,11 +4,11 @@
 
 #include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
 
 #include "queue/downlink_queue.hpp"
 #include "tests/listing/listing_records.hpp"
+#include "tests/queue/queue_records.hpp"
 #include "tests/support/test_support.hpp"
 
 namespace {
@@ -39,25 +39,7 @@ struct Queue : ::testing::Test {
         &names);
     return names;
   }
-  // The data file as "name/group/priority/flags" records in file order.
-  static Names dataRecords() {
-    const std::string d = kt::readFile("q.dat");
-    Names recs;
-    for (size_t at = 0; at + 2 <= d.size();) {
-      uint16_t len;
-      std::memcpy(&len, d.data() + at, 2);
-      const char *rec = d.data() + at + 2, *attrs = rec + std::strlen(rec) + 1;
-      recs.push_back(std::string(rec) + "/" + std::to_string(uint8_t(attrs[0])) + "/" +
-                     std::to_string(uint8_t(attrs[1])) + "/" + std::to_string(uint8_t(attrs[2])));
-      at += 2 + len;
-    }
-    return recs;
-  }
-  static std::string record(const std::string &name, uint8_t group, uint8_t priority = 0, uint8_t flags = 0) {
-    const uint16_t len = static_cast<uint16_t>(name.size() + 4);
-    return std::string(reinterpret_cast<const char *>(&len), 2) + name + '\0' + char(group) + char(priority) +
-           char(flags);
-  }
+  static Names dataRecords() { return kt::queueRecords(kt::readFile("q.dat")); }
   std::filesystem::path oldCwd = std::filesystem::current_path();
   std::string dir = kt::makeTempDir();
 };
@@ -152,7 +134,7 @@ TEST_F(Queue, LoadingSkipsMalformedRecordsAndKeepsRecordsNotYetRead) {
   // record, one stray byte: nothing past a record is read, and the file loses only the
   // stray byte, so that the next append starts a record of its own.
   kt::writeFile("a", "");
-  const std::string bad = std::string("\x02\0ab\x06\0abcdef", 12) + record("a", 1) + "\x07";
+  const std::string bad = std::string("\x02\0ab\x06\0abcdef", 12) + kt::queueRecord("a", 1) + "\x07";
   kt::writeFile("q.dat", bad);
   dwnq_init("q.dat");
   EXPECT_EQ(order(1), (Names{"a"}));
@@ -166,9 +148,10 @@ TEST_F(Queue, LoadingSkipsMalformedRecordsAndKeepsRecordsNotYetRead) {
   // them is still loaded, and the file is rewritten once, to match the queue.
   dwnq_close();
   std::string file;
-  for (int i = 0; i <= 1024; ++i) file += record("f" + std::to_string(i), 0);
+  for (int i = 0; i <= 1024; ++i) file += kt::queueRecord("f" + std::to_string(i), 0);
   for (int i = 0; i <= 1024; ++i) kt::writeFile("f" + std::to_string(i), "");
-  kt::writeFile("q.dat", file + record("f0", 0, 0, 2) + record("a", 1) + record("a", 1).substr(0, 5));
+  kt::writeFile("q.dat",
+                file + kt::queueRecord("f0", 0, 0, 2) + kt::queueRecord("a", 1) + kt::queueRecord("a", 1).substr(0, 5));
   dwnq_init("q.dat");  // the last record is cut short: loading stops there
   const Names g0 = order(0), recs = dataRecords();
   EXPECT_EQ(g0.size(), 1024u);
