@@ -7,43 +7,13 @@ record must be a partial download that can be continued; every round must end wi
 
     crash_soak.py --bin-dir build/bin --kills 100            # the long soak, ~20 minutes
 """
-import argparse, atexit, hashlib, os, random, select, shutil, signal, struct, subprocess, sys, tempfile, time
+import hashlib, os, random, struct, sys, time
+
+sys.dont_write_bytecode = True  # no cache files beside the sources
+from soaklib import Sim, fail, options, run, workdir, write  # noqa: E402
 
 STATE_SIZE = 2248
 VECTOR = struct.Struct("<IIIIIiii16s128s")  # the block vector, 20 bytes into the state record
-
-
-def fail(msg):
-    print("FAIL: " + msg, flush=True)
-    sys.exit(1)
-
-
-class Sim:
-    """kestil-sim on its own loopback address, ready once it has printed its serving line."""
-
-    def __init__(self, binary, root, addr, args, trace_path):
-        self.trace = open(trace_path, "wb")
-        self.proc = subprocess.Popen([binary, "--root", root, "--addr", addr] + args, stdout=self.trace,
-                                     stderr=subprocess.PIPE)
-        line, deadline = b"", time.monotonic() + 10
-        while not line.endswith(b"\n") and select.select([self.proc.stderr], [], [], max(0, deadline - time.monotonic()))[0]:
-            chunk = os.read(self.proc.stderr.fileno(), 512)
-            if not chunk:
-                break
-            line += chunk
-        if not line.startswith(b"kestil-sim: serving"):
-            self.stop()
-            fail("kestil-sim did not start: %r" % line)
-
-    def stop(self):
-        if self.proc.poll() is None:
-            self.proc.send_signal(signal.SIGTERM)
-            try:
-                self.proc.wait(10)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait()
-        self.trace.close()
 
 
 def check_partial(cwd, local, source):
@@ -76,41 +46,22 @@ def check_partial(cwd, local, source):
     return None
 
 
-def run_client(kestil, cwd, args, kill_after, limit_s=120):
-    """Runs one client; SIGKILL after kill_after seconds (None: never). Its status, or 'killed'."""
+def run_client(kestil, cwd, args, kill_after):
+    """One client, its output in client.out; its status, or 'killed'."""
     with open(os.path.join(cwd, "client.out"), "wb") as out:
-        proc = subprocess.Popen([kestil] + args, cwd=cwd, stdout=out, stderr=subprocess.STDOUT,
-                                stdin=subprocess.DEVNULL)
-        try:
-            return proc.wait(kill_after if kill_after is not None else limit_s)
-        except subprocess.TimeoutExpired:
-            proc.kill()
-            proc.wait()
-            return "killed" if kill_after is not None else "timed out after %ds" % limit_s
+        return run([kestil] + args, kill_after, cwd=cwd, stdout=out, stderr=out)
 
 
 def main():
-    ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    ap.add_argument("--bin-dir", required=True)
-    ap.add_argument("--kills", type=int, default=100, help="SIGKILLs in all (at least)")
-    ap.add_argument("--size", type=int, default=2 * 1024 * 1024, help="bytes of the remote file")
-    ap.add_argument("--loss", default="0.05")
-    ap.add_argument("--seed", type=int, default=1)
-    ap.add_argument("--addr", default="127.0.9.40")
-    opts = ap.parse_args()
-    # The client and the simulator run in their own directories: the binaries are found from anywhere.
-    opts.bin_dir = os.path.abspath(opts.bin_dir)
+    opts = options(__doc__, "127.0.9.40", kills=100, size=2 * 1024 * 1024, loss="0.05", seed=1)
     kestil = os.path.join(opts.bin_dir, "kestil")
     rng = random.Random(opts.seed)
-    work = tempfile.mkdtemp(prefix="kestil-soak.")
-    atexit.register(shutil.rmtree, work, ignore_errors=True)  # also when the simulator fails to start
+    work = workdir("kestil-soak.")
     root, cwd = os.path.join(work, "root"), os.path.join(work, "client")
-    os.makedirs(root)
     os.makedirs(cwd)
     source = rng.randbytes(opts.size)
-    with open(os.path.join(root, "payload.bin"), "wb") as f:
-        f.write(source)
-    sim = Sim(os.path.join(opts.bin_dir, "kestil-sim"), root, opts.addr,
+    write(os.path.join(root, "payload.bin"), source)
+    sim = Sim(opts.bin_dir, root, opts.addr,
               ["--loss", opts.loss, "--dup", "0.01", "--seed", str(opts.seed), "--pace", "8000", "--idle", "5"],
               os.path.join(work, "sim-trace.txt"))
     get = ["get", "-h", opts.addr, "-o"]

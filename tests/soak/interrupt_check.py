@@ -6,11 +6,10 @@ table as without it. Loopback only (one simulator on its own address); every wai
 
     interrupt_check.py --bin-dir build/bin [--addr 127.0.10.1]
 """
-import argparse, atexit, os, random, re, shutil, signal, subprocess, sys, tempfile, time
+import os, random, re, signal, subprocess, sys, tempfile, time
 
 sys.dont_write_bytecode = True  # no cache files beside the sources
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from crash_soak import Sim  # noqa: E402
+from soaklib import Sim, eventually, options, workdir, write  # noqa: E402
 
 failures = []
 
@@ -19,15 +18,6 @@ def check(ok, what):
     print(("ok    " if ok else "FAIL  ") + what, flush=True)
     if not ok:
         failures.append(what)
-
-
-def eventually(pred, timeout_s):
-    deadline = time.monotonic() + timeout_s
-    while not pred():
-        if time.monotonic() > deadline:
-            return False
-        time.sleep(0.01)
-    return True
 
 
 class Client:
@@ -53,22 +43,15 @@ def table(output):
 
 
 def main():
-    ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
-    ap.add_argument("--bin-dir", required=True)
-    ap.add_argument("--addr", default="127.0.10.1")
-    opts = ap.parse_args()
+    opts = options(__doc__, "127.0.10.1")
     kestil = os.path.join(opts.bin_dir, "kestil")
-    work = tempfile.mkdtemp(prefix="kestil-sigint.")
-    atexit.register(shutil.rmtree, work, ignore_errors=True)  # also when the simulator fails to start
+    work = workdir("kestil-sigint.")
     root, cwd = os.path.join(work, "root"), os.path.join(work, "client")
-    os.makedirs(os.path.join(root, "sub"))
-    os.makedirs(cwd)
     rng = random.Random(7)
     source, upload = rng.randbytes(1500000), rng.randbytes(400000)
     for path, content in ((root + "/big.bin", source), (root + "/a.txt", b"alpha\n"),
                           (root + "/sub/b.txt", b"beta\n" * 50), (cwd + "/up.bin", upload)):
-        with open(path, "wb") as f:
-            f.write(content)
+        write(path, content)
     trace = os.path.join(work, "sim-trace.txt")
 
     def trace_lines(pattern):
@@ -76,7 +59,7 @@ def main():
             return [line for line in f if re.search(pattern, line)]
 
     # A slow, long link: the fetches last long enough for an interrupt to land in them.
-    sim = Sim(os.path.join(opts.bin_dir, "kestil-sim"), root, opts.addr,
+    sim = Sim(opts.bin_dir, root, opts.addr,
               ["--delay", "150", "--loss", "0.02", "--seed", "3", "--pace", "1000", "-v"], trace)
     state = os.path.join(cwd, ".big.bin.kestil_state")
     try:

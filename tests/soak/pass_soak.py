@@ -8,14 +8,12 @@ each complete, and no state record is left. Loopback only; every wait bounded.
 
     pass_soak.py --bin-dir build/bin --kills 100            # the long soak
 """
-import argparse, hashlib, os, random, select, shutil, signal, sqlite3, struct, subprocess, sys, tempfile, time
+import hashlib, os, random, shutil, signal, sqlite3, struct, subprocess, sys, time
+
+sys.dont_write_bytecode = True  # no cache files beside the sources
+from soaklib import Sim, fail, options, run, workdir, write  # noqa: E402
 
 OWN = (".kestil-pass.db", ".kestil-pass.lock", ".kestil-pass.d")
-
-
-def fail(msg):
-    print("FAIL: " + msg, flush=True)
-    sys.exit(1)
 
 
 def make_queue(root, rng, count, max_size):
@@ -23,14 +21,11 @@ def make_queue(root, rng, count, max_size):
     for i in range(count):
         name = "g%d/file%02d.bin" % (i % 3, i)
         data = rng.randbytes(0 if i == 0 else rng.randrange(1, max_size))
-        os.makedirs(os.path.join(root, os.path.dirname(name)), exist_ok=True)
-        with open(os.path.join(root, name), "wb") as f:
-            f.write(data)
+        write(os.path.join(root, name), data)
         sums[name] = hashlib.md5(data).hexdigest()
         raw = name.encode()
         queue += struct.pack("<H", len(raw) + 4) + raw + b"\0" + bytes([i % 3, rng.randrange(5), 0])
-    with open(os.path.join(root, ".kestil-sim.qdata"), "wb") as f:
-        f.write(queue)
+    write(os.path.join(root, ".kestil-sim.qdata"), queue)
     return sums
 
 
@@ -78,44 +73,27 @@ def wait_groups_gone(groups, seconds=10):
 
 
 def main():
-    ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    ap.add_argument("--bin-dir", required=True)
-    ap.add_argument("--kills", type=int, default=100, help="SIGKILLs in all (at least)")
-    ap.add_argument("--files", type=int, default=8)
-    ap.add_argument("--max-size", type=int, default=150000)
-    ap.add_argument("--loss", default="0.05")
-    ap.add_argument("--seed", type=int, default=1)
-    ap.add_argument("--addr", default="127.0.41.1")
-    opts = ap.parse_args()
-    bindir = os.path.abspath(opts.bin_dir)
+    opts = options(__doc__, "127.0.41.1", kills=100, files=8, max_size=150000, loss="0.05", seed=1)
     rng = random.Random(opts.seed)
-    work = tempfile.mkdtemp(prefix="kestil-pass-soak.")
+    work = workdir("kestil-pass-soak.")
     root = os.path.join(work, "root")
     sums = make_queue(root, rng, opts.files, opts.max_size)
-    sim = subprocess.Popen([os.path.join(bindir, "kestil-sim"), "--root", root, "--addr", opts.addr, "--rate", "800000",
-                            "--loss", opts.loss, "--seed", str(opts.seed)],
-                           stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
     groups = []  # each run in a process group of its own, so that its sessions can be waited for
+    sim = Sim(opts.bin_dir, root, opts.addr, ["--rate", "800000", "--loss", opts.loss, "--seed", str(opts.seed)])
 
-    def run(archive, kill_after, limit=120):
-        proc = subprocess.Popen([os.path.join(bindir, "kestil-pass"), "-h", opts.addr, "--archive", archive, "-q"],
-                                cwd=work, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, start_new_session=True)
-        groups.append(proc.pid)
-        try:
-            proc.wait(kill_after if kill_after is not None else limit)
-            return proc.returncode, proc.stderr.read().decode()
-        except subprocess.TimeoutExpired:
-            proc.kill()
-            proc.wait()
-            return ("killed" if kill_after is not None else "timed out after %d s" % limit), ""
+    def drain(archive, kill_after):
+        with open(os.path.join(work, "pass.err"), "w+b") as err:
+            status = run([os.path.join(opts.bin_dir, "kestil-pass"), "-h", opts.addr, "--archive", archive, "-q"],
+                         kill_after, pids=groups, cwd=work, stdout=subprocess.DEVNULL, stderr=err,
+                         start_new_session=True)
+            err.seek(0)
+            return status, err.read().decode(errors="replace")
 
     started = time.monotonic()
     kills = rounds = runs = 0
     try:
-        if not select.select([sim.stderr], [], [], 10)[0] or not sim.stderr.readline().startswith(b"kestil-sim: serving"):
-            fail("kestil-sim did not start")
         # One drain without a kill first: the kill instants spread over its length.
-        status, err = run(os.path.join(work, "whole"), None)
+        status, err = drain(os.path.join(work, "whole"), None)
         span = time.monotonic() - started
         if status != 0:
             fail("the uninterrupted drain ended with %s: %s" % (status, err))
@@ -124,7 +102,7 @@ def main():
             archive = os.path.join(work, "archive%03d" % rounds)
             while True:  # killed runs, one after the other, until one drains the queue
                 kill_after = rng.uniform(0.0, span)
-                status, err = run(archive, kill_after)
+                status, err = drain(archive, kill_after)
                 runs += 1
                 if status != "killed":
                     break
@@ -150,9 +128,7 @@ def main():
                 os.killpg(g, signal.SIGKILL)
             except ProcessLookupError:
                 pass
-        sim.send_signal(signal.SIGTERM)
-        sim.wait(10)
-        shutil.rmtree(work, ignore_errors=True)
+        sim.stop()
     print("kestil-pass soak: %d kills in %d rounds (%d runs) of a queue of %d files at %s loss, seed %d, %.0f s; the "
           "ledger agreed with the archive after every kill and every round drained" %
           (kills, rounds, runs, len(sums), opts.loss, opts.seed, time.monotonic() - started), flush=True)
