@@ -1,5 +1,4 @@
-"""What the soak scripts share: a scratch folder, kestil-sim on its own loopback address, runs
-that may be killed at a given instant, and bounded waits. Python 3 standard library only."""
+"""Shared by the soak scripts: options, a scratch folder, kestil-sim on loopback, killable runs, bounded waits."""
 import argparse, atexit, os, select, shutil, signal, subprocess, sys, tempfile, time
 
 
@@ -8,21 +7,16 @@ def fail(msg):
     sys.exit(1)
 
 
-def options(doc, addr, **more):
-    """The command line: --bin-dir (made absolute), --addr, and `more` as name=default."""
-    ap = argparse.ArgumentParser(description=doc.split("\n\n")[0])
+def options(addr, **more):
+    ap = argparse.ArgumentParser()
     ap.add_argument("--bin-dir", required=True, type=os.path.abspath)
     ap.add_argument("--addr", default=addr)
     for name, default in more.items():
         ap.add_argument("--" + name.replace("_", "-"), type=type(default), default=default)
-    return ap.parse_args()
-
-
-def workdir(prefix):
-    """A fresh folder, removed at exit (also when the simulator fails to start)."""
-    work = tempfile.mkdtemp(prefix=prefix)
-    atexit.register(shutil.rmtree, work, ignore_errors=True)
-    return work
+    opts = ap.parse_args()
+    opts.work = tempfile.mkdtemp(prefix="kestil-soak.")
+    atexit.register(shutil.rmtree, opts.work, ignore_errors=True)
+    return opts
 
 
 def write(path, data):
@@ -41,8 +35,6 @@ def eventually(pred, timeout_s):
 
 
 class Sim:
-    """kestil-sim on its own loopback address, ready once it has printed its serving line."""
-
     def __init__(self, bin_dir, root, addr, args, trace_path=os.devnull):
         self.trace = open(trace_path, "wb")
         self.proc = subprocess.Popen([os.path.join(bin_dir, "kestil-sim"), "--root", root, "--addr", addr] + args,
@@ -69,8 +61,7 @@ class Sim:
 
 
 def run(cmd, kill_after=None, limit_s=120, pids=None, **popen):
-    """Runs cmd (its pid appended to pids); SIGKILL after kill_after seconds (None: never, but
-    after limit_s). Its exit status, "killed", or "timed out after N s"."""
+    """Exit status, "killed" (SIGKILL after kill_after s) or "timed out after N s"."""
     proc = subprocess.Popen(cmd, stdin=subprocess.DEVNULL, **popen)
     if pids is not None:
         pids.append(proc.pid)
