@@ -26,7 +26,7 @@ std::tuple<uint32_t, int, bool> window(const BlkRxVector &v) {
 }
 
 TEST(BlkRxVector, FinishesAtTheEndOfTheFile) {
-  BlkRxVector v = vectorOf(1000, 7);  // lastBlk 9
+  BlkRxVector v = vectorOf(1000, 7);                                 // lastBlk 9
   EXPECT_EQ(std::tuple(v.lastBlk, v.vector[0]), std::tuple(9u, 0));  // slid over and cleared for re-entry
   EXPECT_EQ(window(v), std::tuple(8u, 1, false));
   addBlkToVector(&v, 8);
@@ -38,7 +38,7 @@ TEST(BlkRxVector, FinishesAtTheEndOfTheFile) {
   addBlkToVector(&whole, 7);
   EXPECT_EQ(window(whole), std::tuple(8u, 1, true));
   EXPECT_EQ(window(vectorOf(15 * BS, 15)), std::tuple(16u, 2, true));  // lastBlk 16: the base stops at 16
-  BlkRxVector empty = vectorOf(0, 0);  // lastBlk 1: the metadata alone finishes it
+  BlkRxVector empty = vectorOf(0, 0);                                  // lastBlk 1: the metadata alone finishes it
   EXPECT_EQ(std::pair(empty.lastBlk, vectorIsFinished(&empty) != 0), std::pair(1u, true));
 }
 

@@ -49,8 +49,8 @@ class ProcessData : public testing::Test {
 // end before the metadata: the get command's clean download.)
 TEST_F(ProcessData, LengthRulesRefuseBeforeTraceAndCount) {
   setBlkRxVectorFileSize(&vec_, 100000);
-  for (const Bytes &pkt : {block(300, 142, 'x'), block(3, 142, 'x') /* fits, but more than a block */, Bytes{8, 0, 0, 1},
-                           Bytes{7, 0, 1}, Bytes{6, 1}, Bytes{4, 0, 0, 0, 1}})
+  for (const Bytes &pkt : {block(300, 142, 'x'), block(3, 142, 'x') /* fits, but more than a block */,
+                           Bytes{8, 0, 0, 1}, Bytes{7, 0, 1}, Bytes{6, 1}, Bytes{4, 0, 0, 0, 1}})
     EXPECT_EQ(std::pair(offer(pkt, 100000), trace_), std::pair(0, std::string())) << pkt.size();
   EXPECT_EQ(vec_.uniqueBlkCnt + file().size(), 0u);
 

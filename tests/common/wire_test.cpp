@@ -18,9 +18,12 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 
 TEST(WireCodec, DataBlocksUseTheNarrowestNumber) {
-  const std::pair<uint32_t, Bytes> cases[] = {{255, {5, 0xFF}},          {256, {6, 1, 0}},
-                                              {65535, {6, 0xFF, 0xFF}},    {65536, {7, 1, 0, 0}},
-                                              {16777215, {7, 0xFF, 0xFF, 0xFF}}, {16777216, {8, 1, 0, 0, 0}}};
+  const std::pair<uint32_t, Bytes> cases[] = {{255, {5, 0xFF}},
+                                              {256, {6, 1, 0}},
+                                              {65535, {6, 0xFF, 0xFF}},
+                                              {65536, {7, 1, 0, 0}},
+                                              {16777215, {7, 0xFF, 0xFF, 0xFF}},
+                                              {16777216, {8, 1, 0, 0, 0}}};
   for (const auto &[blkNum, header] : cases) {
     Bytes buf(8, 0xEE), expected = header;
     expected.resize(8, 0xEE);  // nothing written past the header
@@ -78,8 +81,8 @@ TEST(FillVecack, LengthFollowsLimitSizeAndBase) {
   uint8_t buf[140];
   BlkRxVector fresh = numberedVector(0), sixteen = numberedVector(15 * KESTIL_BLOCK_SIZE), past = sixteen;
   past.blkNumBase = 24;  // sixteen holds groups 0, 8 and 16; past the last group: header only
-  for (auto [vec, limit, len] : {std::tuple{&fresh, 5, 0}, {&fresh, 6, 6}, {&fresh, 133, 6}, {&sixteen, 133, 8},
-                                 {&past, 133, 5}})
+  for (auto [vec, limit, len] :
+       {std::tuple{&fresh, 5, 0}, {&fresh, 6, 6}, {&fresh, 133, 6}, {&sixteen, 133, 8}, {&past, 133, 5}})
     EXPECT_EQ(fill_vecack_packet(buf, limit, vec, 0), len) << limit;
 
   BlkRxVector wrapped = numberedVector(8000 * KESTIL_BLOCK_SIZE);
@@ -107,10 +110,10 @@ TEST(SendRequest, NameAndLimitBoundsAndThePiggyBackedAcknowledgement) {
   get(1442, KESTIL_FLAG_LONG_NAME);
   sendQReq(link.fd, link.to(), &v, 22, limits, 0);
   sendQReq(link.fd, link.to(), &v, 21, limits, 0);
-  get(191, 0);                       // 200 bytes and a 7-byte acknowledgement
-  get(200, KESTIL_FLAG_LONG_NAME);   // room 15: no acknowledgement
-  get(1441, KESTIL_FLAG_LONG_NAME);  // the longest
-  get(2, 0, KESTIL_LS, &full);       // the acknowledgement is capped at 64 bytes
+  get(191, 0);                                         // 200 bytes and a 7-byte acknowledgement
+  get(200, KESTIL_FLAG_LONG_NAME);                     // room 15: no acknowledgement
+  get(1441, KESTIL_FLAG_LONG_NAME);                    // the longest
+  get(2, 0, KESTIL_LS, &full);                         // the acknowledgement is capped at 64 bytes
   get(199, KESTIL_FLAG_LONG_NAME, KESTIL_PUT, &full);  // 208 + 16: request and acknowledgement within 224
   sendQReq(link.fd, link.to(), &full, 20, limits, KESTIL_LS_FLAG_R);
   EXPECT_EQ(testing::internal::GetCapturedStdout(),

@@ -16,11 +16,21 @@ namespace {
 
 TEST(ArchivePaths, RemoteNamesLandUnderTheArchiveOrAreRefused) {
   // Only the archive's top holds kestil-pass's own files.
-  const std::pair<const char *, const char *> cases[] = {
-      {"/data/img/a.jpg", "data/img/a.jpg"}, {"a//b/./c", "a/b/c"}, {"notes", "notes"},
-      {"x/.kestil-pass.db", "x/.kestil-pass.db"}, {"..", "DotDot"}, {"../x", "DotDot"}, {"a/../../b", "DotDot"},
-      {"a/..", "DotDot"}, {"", "NoFileName"}, {"/", "NoFileName"}, {"a/", "NoFileName"}, {"a/.", "NoFileName"},
-      {".kestil-pass.db", "Reserved"}, {"/.kestil-pass.d/x", "Reserved"}, {"d/.x.kestil_state", "Reserved"}};
+  const std::pair<const char *, const char *> cases[] = {{"/data/img/a.jpg", "data/img/a.jpg"},
+                                                         {"a//b/./c", "a/b/c"},
+                                                         {"notes", "notes"},
+                                                         {"x/.kestil-pass.db", "x/.kestil-pass.db"},
+                                                         {"..", "DotDot"},
+                                                         {"../x", "DotDot"},
+                                                         {"a/../../b", "DotDot"},
+                                                         {"a/..", "DotDot"},
+                                                         {"", "NoFileName"},
+                                                         {"/", "NoFileName"},
+                                                         {"a/", "NoFileName"},
+                                                         {"a/.", "NoFileName"},
+                                                         {".kestil-pass.db", "Reserved"},
+                                                         {"/.kestil-pass.d/x", "Reserved"},
+                                                         {"d/.x.kestil_state", "Reserved"}};
   const char *verdicts[] = {"Ok", "DotDot", "NoFileName", "Reserved"};
   for (auto [remote, want] : cases) {
     ArchivePath p;
@@ -50,12 +60,18 @@ TEST(ArchivePaths, HeldBytesCountTheShortLastBlockOnce) {
 }
 
 TEST(Schedule, UtcTimesAndWindowsAreReadStrictly) {
-  const std::pair<const char *, int64_t> times[] = {
-      {"1970-01-01T00:00:00Z", 0}, {"2026-11-23T08:01:48Z", 1795420908000}, {"2024-02-29T12:00:00.25Z", 1709208000250},
-      {"2026-11-23T08:01:48+00:00", 1795420908000}, {"2026-11-23T08:01:48", 1795420908000},
-      {"2026-02-29T00:00:00Z", -1}, {"2026-13-01T00:00:00Z", -1}, {"2026-11-23T24:00:00Z", -1},
-      {"2026-11-23T08:01:48+01:00", -1}, {"2026-11-23 08:01:48Z", -1}, {"2026-11-23T08:01Z", -1},
-      {"2026-11-23T08:01:48.Z", -1}};
+  const std::pair<const char *, int64_t> times[] = {{"1970-01-01T00:00:00Z", 0},
+                                                    {"2026-11-23T08:01:48Z", 1795420908000},
+                                                    {"2024-02-29T12:00:00.25Z", 1709208000250},
+                                                    {"2026-11-23T08:01:48+00:00", 1795420908000},
+                                                    {"2026-11-23T08:01:48", 1795420908000},
+                                                    {"2026-02-29T00:00:00Z", -1},
+                                                    {"2026-13-01T00:00:00Z", -1},
+                                                    {"2026-11-23T24:00:00Z", -1},
+                                                    {"2026-11-23T08:01:48+01:00", -1},
+                                                    {"2026-11-23 08:01:48Z", -1},
+                                                    {"2026-11-23T08:01Z", -1},
+                                                    {"2026-11-23T08:01:48.Z", -1}};
   for (auto [text, ms] : times) {
     int64_t got = -1;
     EXPECT_EQ(parseUtcTime(text, &got) ? got : -1, ms) << text;

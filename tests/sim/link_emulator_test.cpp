@@ -83,8 +83,13 @@ TEST(LinkEmulator, DuplicatesArriveTwiceAndHeldBackOnesBehindLaterDatagrams) {
 TEST(LinkEmulator, PassScheduleDropsWhileDownIncludingWhatWaitsForTheWire) {
   const LinkConfig pass{.passUpS = 2, .passDownS = 3};
   const int64_t s = 1000000;  // the schedule starts with the link
-  for (auto [at, up] : {std::pair{-1, false}, {0, true}, {1999999, true}, {2000000, false}, {4999999, false},
-                        {5000000, true}, {7500000, false}})
+  for (auto [at, up] : {std::pair{-1, false},
+                        {0, true},
+                        {1999999, true},
+                        {2000000, false},
+                        {4999999, false},
+                        {5000000, true},
+                        {7500000, false}})
     EXPECT_EQ(linkIsUp(pass, s, s + at), up) << at;  // down before the first pass
 
   // 100 ms per datagram: the eleventh would start at 1 s, out of view.
