@@ -4,14 +4,10 @@
 // reading of the uncompressed bytes: in order, every whole record up to the first damaged one.
 // A record longer than half the decoded buffer may end the reading early (the reader holds at
 // most one buffer of decoded bytes), so from the first such record on, delivery may stop.
-#include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -55,13 +51,6 @@ std::vector<Record> plainRecords(const uint8_t *p, size_t len, size_t *sure) {
   return out;
 }
 
-bool writeListing(const uint8_t *p, size_t len) {
-  FILE *f = std::fopen(listingPath.c_str(), "wb");
-  if (f == nullptr) return false;
-  bool ok = std::fwrite(p, 1, len, f) == len;
-  return std::fclose(f) == 0 && ok;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
@@ -72,23 +61,22 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   fz::Input in{data, size};
   uint8_t mode = in.byte();
-  std::vector<Record> got;
-  if (mode < 0x80) {
-    if (!writeListing(in.p, in.len) || iterate_dirlisting(listingPath.c_str(), collect, &got) != 0) std::abort();
-    return 0;
-  }
   uLongf packedLen = compressBound(in.len);
   std::vector<uint8_t> packed(packedLen);
-  if (compress2(packed.data(), &packedLen, in.p, in.len, mode % 10) != Z_OK ||
-      !writeListing(packed.data(), packedLen) || iterate_dirlisting(listingPath.c_str(), collect, &got) != 0)
-    std::abort();
+  if (mode < 0x80)
+    fz::writeFile(listingPath, in.p, in.len);
+  else if (compress2(packed.data(), &packedLen, in.p, in.len, mode % 10) == Z_OK)
+    fz::writeFile(listingPath, packed.data(), packedLen);
+  else
+    fz::fail("compress2 failed");
+  std::vector<Record> got;
+  if (iterate_dirlisting(listingPath.c_str(), collect, &got) != 0) fz::fail("the listing reader failed");
+  if (mode < 0x80) return 0;
   size_t sure = 0;
   std::vector<Record> want = plainRecords(in.p, in.len, &sure);
   bool prefix = got.size() <= want.size() && std::equal(got.begin(), got.end(), want.begin());
-  if (!prefix || got.size() < sure) {
-    std::fprintf(stderr, "listing reader delivered %zu records, the plain reading has %zu (%zu certain)%s\n",
-                 got.size(), want.size(), sure, prefix ? "" : ", not in the same order");
-    std::abort();
-  }
+  if (!prefix || got.size() < sure)
+    fz::fail("listing reader delivered %zu records, the plain reading has %zu (%zu certain)%s", got.size(), want.size(),
+             sure, prefix ? "" : ", not in the same order");
   return 0;
 }

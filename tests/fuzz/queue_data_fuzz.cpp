@@ -3,13 +3,9 @@
 // sizes that match the lists, priority order, the group cap, one entry per name and group),
 // and the second load must give back exactly the queue the first one left: the data file
 // always mirrors the queue, also after a load that dropped or moved entries.
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <set>
 #include <string>
 #include <tuple>
@@ -25,11 +21,6 @@ const char *const NAMES[] = {"a", "b", "c", "d", "gone"};
 
 using Entry = std::tuple<int, std::string, uint8_t, uint8_t, uint32_t>;  // group, name, priority, flags, size
 
-void fail(const char *what) {
-  std::fprintf(stderr, "queue rule broken: %s\n", what);
-  std::abort();
-}
-
 std::vector<Entry> snapshot() {
   std::vector<Entry> all;
   for (int g = 0; g < DWNQ_GROUPS; ++g) {
@@ -38,17 +29,17 @@ std::vector<Entry> snapshot() {
     const File *last = nullptr;
     std::set<std::string> names;
     for (const File *f = grp.head; f != nullptr; f = f->groupNext) {
-      if (++count > DWNQ_GROUP_CAP) fail("group over its cap");
-      if (last != nullptr && last->priority > f->priority) fail("priority order");
-      if (!names.insert(f->name).second) fail("one name twice in a group");
-      if (f->group != g) fail("entry in another group's list");
+      if (++count > DWNQ_GROUP_CAP) fz::fail("queue rule broken: group over its cap");
+      if (last != nullptr && last->priority > f->priority) fz::fail("queue rule broken: priority order");
+      if (!names.insert(f->name).second) fz::fail("queue rule broken: one name twice in a group");
+      if (f->group != g) fz::fail("queue rule broken: entry in another group's list");
       total += f->size;
       last = f;
       all.emplace_back(g, f->name, f->priority, f->flags, f->size);
     }
-    if (count != grp.fileCnt) fail("entry count");
-    if (total != grp.totalSize) fail("total size");
-    if (grp.tail != last) fail("tail");
+    if (count != grp.fileCnt) fz::fail("queue rule broken: entry count");
+    if (total != grp.totalSize) fz::fail("queue rule broken: total size");
+    if (grp.tail != last) fz::fail("queue rule broken: tail");
   }
   return all;
 }
@@ -58,11 +49,7 @@ std::vector<Entry> snapshot() {
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   if (chdir(fz::scratchDir("queue").c_str()) != 0) std::abort();
   const size_t sizes[] = {0, 1, 141, 1000};
-  for (size_t i = 0; i < 4; ++i) {
-    FILE *f = std::fopen(NAMES[i], "wb");
-    if (f == nullptr || std::fwrite(std::string(sizes[i], 'x').data(), 1, sizes[i], f) != sizes[i]) std::abort();
-    std::fclose(f);
-  }
+  for (size_t i = 0; i < 4; ++i) fz::writeFile(NAMES[i], std::string(sizes[i], 'x').data(), sizes[i]);
   return 0;
 }
 
@@ -74,10 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   for (int i = 0; i < opCount; ++i)
     for (uint8_t &b : ops[i]) b = in.byte();
 
-  int fd = open("queue.dat", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  if (fd < 0 || write(fd, in.p, in.len) != static_cast<ssize_t>(in.len)) std::abort();
-  close(fd);
-
+  fz::writeFile("queue.dat", in.p, in.len);
   dwnq_close();
   dwnq_init("queue.dat");
   snapshot();
@@ -91,7 +75,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   std::vector<Entry> before = snapshot();
   dwnq_close();
   dwnq_init("queue.dat");
-  if (snapshot() != before) fail("the data file does not give back the queue");
+  if (snapshot() != before) fz::fail("queue rule broken: the data file does not give back the queue");
   dwnq_close();
   return 0;
 }

@@ -10,9 +10,7 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include "client/client.hpp"
@@ -35,16 +33,11 @@ std::string stateName;
 // Never sent to: the sockets here are -1.
 sockaddr_in endpoint(uint16_t port) { return sockaddr_in{AF_INET, htons(port), {htonl(0x7F000901)}, {}}; }
 
-void fail(const char *what) {
-  std::fprintf(stderr, "invariant broken: %s\n", what);
-  std::abort();
-}
-
 // What the vector operations must keep whatever arrives: an index inside the ring and a base
 // on a whole byte of it.
 void checkVector(const BlkRxVector *v) {
-  if (v->head < 0 || v->head > 127) fail("ring index outside the ring");
-  if (v->blkNumBase % 8 != 0) fail("window base not on a ring byte");
+  if (v->head < 0 || v->head > 127) fz::fail("invariant broken: ring index outside the ring");
+  if (v->blkNumBase % 8 != 0) fz::fail("invariant broken: window base not on a ring byte");
 }
 
 void download(uint8_t opts, fz::Input in) {
@@ -55,13 +48,9 @@ void download(uint8_t opts, fz::Input in) {
   unlink(stateName.c_str());
   if (opts & OPT_RECORD_FROM_INPUT) {
     // The record as a resumed download would find it: whatever the input holds.
-    SavedRXState rec{};
-    size_t n = in.len < sizeof rec ? in.len : sizeof rec;
-    std::memcpy(&rec, in.p, n);
-    in.p += n;
-    in.len -= n;
-    FILE *f = std::fopen(stateName.c_str(), "wb");
-    if (f == nullptr || std::fwrite(&rec, 1, sizeof rec, f) != sizeof rec || std::fclose(f) != 0) std::abort();
+    SavedRXState rec;
+    in.take(&rec, sizeof rec);
+    fz::writeFile(stateName, &rec, sizeof rec);
   }
   ReceiveSession s{};
   if (openDownloadState(stateName.c_str(), "remote.bin", &target, &s.state) != StateFailure::None) return;
@@ -76,18 +65,13 @@ void download(uint8_t opts, fz::Input in) {
   beginSession(s);
   checkVector(s.rxSet);
 
-  const uint8_t *d;
-  size_t n;
-  while (in.datagram(KESTIL_MAX_DATAGRAM, &d, &n)) {
-    // The receive loop's own buffer: a datagram never reaches past it.
-    uint8_t pkt[KESTIL_MAX_DATAGRAM];
-    std::memcpy(pkt, d, n);
+  in.datagrams<KESTIL_MAX_DATAGRAM>([&](uint8_t *pkt, size_t n, uint8_t) {
     dispatchDatagram(s, pkt, static_cast<int>(n), from);
     checkVector(s.rxSet);
-    if (s.errorOut) break;
+    if (s.errorOut) return false;
     update_progress(s.rxSet);
-    if (vectorIsFinished(s.rxSet)) break;
-  }
+    return !vectorIsFinished(s.rxSet);
+  });
   close(s.localFd);
   closeState(&s.state);
 }
@@ -106,19 +90,16 @@ void upload(uint8_t opts, fz::Input in) {
   PutSession s;
   putInitSession(&s, tx, -1, &target, "remote.bin", 0, 1000, 50.0f);
   timeval now{1000, 0};
-  const uint8_t *d;
-  size_t n;
-  while (in.datagram(KESTIL_MAX_DATAGRAM, &d, &n)) {
-    uint8_t pkt[KESTIL_MAX_DATAGRAM];
-    std::memcpy(pkt, d, n);
+  in.datagrams<KESTIL_MAX_DATAGRAM>([&](uint8_t *pkt, size_t n, uint8_t) {
     now = timeval{now.tv_sec + (now.tv_usec + 200000) / 1000000, (now.tv_usec + 200000) % 1000000};
     PutStep step = putOnDatagram(&s, pkt, static_cast<int>(n), target, now);
     checkVector(&tx->rxVec);
     if (tx->nextBlkNum > tx->rxVec.lastBlk && tx->nextBlkNum > tx->rxVec.blkNumBase + BLK_RX_WINDOW)
-      fail("next block past both the file and the window");
-    if (step != PutStep::Continue) break;
+      fz::fail("invariant broken: next block past both the file and the window");
+    if (step != PutStep::Continue) return false;
     if (n == 0) (void)putOnIdleTick(&s);  // an empty datagram stands for half a second of silence
-  }
+    return true;
+  });
   releaseFileCache(tx);
   std::free(tx);
   close(fileFd);

@@ -32,18 +32,15 @@ constexpr uintmax_t WRITE_REACH = uintmax_t{1024} * 65536;
 
 void checkSizes() {
   for (const auto &e : std::filesystem::recursive_directory_iterator(rootDir)) {
-    if (e.is_regular_file() && e.file_size() > WRITE_REACH) {
-      std::fprintf(stderr, "%s grew to %ju bytes\n", e.path().c_str(), static_cast<uintmax_t>(e.file_size()));
-      std::abort();
-    }
+    if (e.is_regular_file() && e.file_size() > WRITE_REACH)
+      fz::fail("%s grew to %ju bytes", e.path().c_str(), static_cast<uintmax_t>(e.file_size()));
   }
 }
 
 void writeFile(const char *name, size_t size) {
-  FILE *f = std::fopen(name, "wb");
-  if (f == nullptr) std::abort();
-  for (size_t i = 0; i < size; ++i) std::fputc(static_cast<int>(i * 7 % 251), f);
-  std::fclose(f);
+  std::string bytes(size, '\0');
+  for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 7 % 251);
+  fz::writeFile(name, bytes.data(), size);
 }
 
 // The root: two files either side of a block, a larger one and a directory with one file.
@@ -88,7 +85,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   layOutRoot();
   char real[PATH_MAX];
   if (realpath(".", real) == nullptr) std::abort();
-  if (FILE *q = std::fopen(queuePath.c_str(), "wb"); q == nullptr || std::fclose(q) != 0) std::abort();
+  fz::writeFile(queuePath, "", 0);
   dwnq_close();
   dwnq_init(queuePath.c_str());
 
@@ -103,25 +100,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   transferServiceStart(&svc, &opts, real, &loop, &trace, fd, now);
 
   fz::Input in{data, size};
-  const uint8_t *d;
-  size_t n;
-  for (uint8_t step = in.byte(); in.datagram(1500, &d, &n); step = in.byte()) {
-    const sockaddr_in &from = peerAddr[step & 1];
-    char line[4096];
-    formatTraceLine(line, sizeof line, now, TraceDir::In, from,
-                    (step & 2) ? TraceProto::FileManager : TraceProto::Transfer, d, static_cast<int>(n),
-                    LinkFate::Delivered);
-    if (step & 2) {
-      uint8_t resp[2];
-      filemgrAnswer(real, d, static_cast<int>(n), resp, sizeof resp);
-    } else {
-      transferHandleDatagram(&svc, d, static_cast<int>(n), from, now);
-    }
-    // Up to 630 ms in 10 ms steps: pacing, acknowledgement timers and housekeeping run.
-    for (int i = 0; i < (step >> 2); ++i) loopRunDue(&loop, now += 10000);
-    drainPeers();
-    checkSizes();
-  }
+  in.datagrams<1500>(
+      [&](const uint8_t *d, size_t n, uint8_t step) {
+        const sockaddr_in &from = peerAddr[step & 1];
+        char line[4096];
+        formatTraceLine(line, sizeof line, now, TraceDir::In, from,
+                        (step & 2) ? TraceProto::FileManager : TraceProto::Transfer, d, static_cast<int>(n),
+                        LinkFate::Delivered);
+        if (step & 2) {
+          uint8_t resp[2];
+          filemgrAnswer(real, d, static_cast<int>(n), resp, sizeof resp);
+        } else {
+          transferHandleDatagram(&svc, d, static_cast<int>(n), from, now);
+        }
+        // Up to 630 ms in 10 ms steps: pacing, acknowledgement timers and housekeeping run.
+        for (int i = 0; i < (step >> 2); ++i) loopRunDue(&loop, now += 10000);
+        drainPeers();
+        checkSizes();
+        return true;
+      },
+      true);
   transferServiceStop(&svc);
   dwnq_close();
   drainPeers();

@@ -1,15 +1,10 @@
-# The bash completion, loaded after bash-completion itself as an interactive shell would:
-# the eleven command words after "kestil ", the partial downloads of the working directory
-# after "kestil resume " and for kestil-progress, options by program name, and the
-# listing files (names with colons) for kestil-lsread.
+# The bash completion: command words, partial downloads, options by program name, listing files.
 source "$(dirname "$0")/lib.sh"
 cd "$WORK"
 mkdir sub .sub
 touch a.bin .a.bin.kestil_state b.bin .c.bin.kestil_state .sub/x.kestil_state notes.txt \
   "dirlisting.2026-11-23_07:53:24.abc123" ".dir_listing.kestil_state.dirlisting.2026-11-23_07:53:24.abc123"
 
-# complete LINE: what the completion offers at the end of LINE, sorted, on one line. The
-# line is split into words as readline splits it, at blanks and around colons.
 complete_line() {
   bash --norc --noprofile -c '
     source /usr/share/bash-completion/bash_completion
@@ -39,7 +34,6 @@ expect_eq "kestil get -" "-L -c -h -l -o -t -z" "$(complete_line "kestil get -")
 expect_eq "dlq-add -" "-g -h -p" "$(complete_line "dlq-add -")"
 expect_eq "kestil ls -o" "a ar r" "$(complete_line "kestil ls -o ")"
 expect_eq "kestil-lsread" "dirlisting.2026-11-23_07:53:24.abc123" "$(complete_line "kestil-lsread ")"
-# Readline replaces only the part after the last colon.
 expect_eq "kestil-lsread with a colon" "53:24.abc123" "$(complete_line "kestil-lsread dirlisting.2026-11-23_07:5")"
 expect_eq "kestil-sim --p" "--pace --pace-rate --pass --pass-start --pcap --port" "$(complete_line "kestil-sim --p")"
 expect_eq "kestil-pass --s" "--schedule --status" "$(complete_line "kestil-pass --s")"

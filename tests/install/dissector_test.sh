@@ -1,8 +1,4 @@
-# The Wireshark dissector on kestil-sim's capture of a lossy download: tshark decodes every
-# datagram exactly as the simulator's own trace describes it (direction, command code, block
-# number or acknowledged base, length, link verdict), the metadata fields match the served
-# file, every block of the file crosses the link, lost ones again later, and the
-# file-manager request and answer are decoded too.
+# The Wireshark dissector decodes kestil-sim's capture of a lossy download as its trace describes it.
 source "$(dirname "$0")/lib.sh"
 ADDR=127.0.11.2
 SIZE=6000                          # 43 data blocks of 141 bytes
@@ -15,7 +11,6 @@ start_sim "$BUILD_DIR/bin/kestil-sim" --root "$WORK/served" --addr $ADDR --loss 
   --pcap "$WORK/cap.pcapng" -v
 (cd "$WORK/ground" && timeout 60 "$BUILD_DIR/bin/kestil" get -h $ADDR -t 10 f.bin >get.out 2>&1) ||
   fail "get: $(cat "$WORK/ground/get.out")"
-# Repeated until the link lets one exchange through: both directions are lossy.
 for _ in 1 2 3 4 5 6; do
   status=0
   (cd "$WORK/ground" && timeout 20 "$BUILD_DIR/bin/kestil" qadd -h $ADDR -g 2 -p 5 f.bin) || status=$?
@@ -28,7 +23,6 @@ tshark_fields() {
   tshark -X "lua_script:$LUA" -r "$WORK/cap.pcapng" -T fields -E separator=';' -E occurrence=f "$@" 2>/dev/null
 }
 
-# The trace line of every datagram, without its time, against the same from the dissector.
 grep -v -- " --- " "$WORK/sim-trace.txt" |
   sed -E 's/^ *[0-9.]+ (in|out) +[0-9.]+:[0-9]+ code ([0-9]+)( (block|base) ([0-9]+))? len ([0-9]+) (.*)$/\1 \2 \5 \6 \7/' \
     >"$WORK/expected.txt"
@@ -49,21 +43,17 @@ tshark_fields -e ip.dst -e kestil.code -e kestil_filemgr.cmd -e kestil.block -e 
 [[ -s $WORK/decoded.txt ]] || fail "tshark decoded nothing"
 diff "$WORK/expected.txt" "$WORK/decoded.txt" >"$WORK/diff.txt" || fail "dissector and trace differ: $(head "$WORK/diff.txt")"
 
-# Metadata fields against the served file.
 meta=$(tshark_fields -Y "kestil.code == 4" -e kestil.reqid -e kestil.meta.size -e kestil.meta.mtime_s \
   -e kestil.meta.mtime_ns -e kestil.meta.md5 | head -1)
 expect_eq "metadata" "1;$SIZE;$(date -u -d "2026-01-02 03:04:05" +%s);0;$(md5_of "$WORK/served/f.bin")" "$meta"
 
-# Every block of the file went out at least once without being lost, some were lost.
 delivered=$(awk '$1 == "out" && $2 >= 5 && $2 <= 8 && $5 != "DROPPED(loss)" {print $3}' "$WORK/decoded.txt" | sort -nu | paste -sd' ')
 expect_eq "delivered blocks" "$(seq -s' ' 1 43)" "$delivered"
 grep -Eq "^out [5-8] .* DROPPED\(loss\)$" "$WORK/decoded.txt" || fail "no data block was lost"
 
-# The closing acknowledgements cover the whole file.
 expect_eq "last acknowledgement" "40;0;40-43" \
   "$(tshark_fields -Y "kestil.code == 9" -e kestil.ack.base -e kestil.ack.missing -e kestil.ack.received | tail -1)"
 
-# The file-manager exchange.
 expect_eq "file-manager request" "0x10;2;5;f.bin" \
   "$(tshark_fields -Y "kestil_filemgr.cmd == 0x10 && !frame.comment" -e kestil_filemgr.cmd -e kestil_filemgr.group \
     -e kestil_filemgr.priority -e kestil_filemgr.name | tail -1)"

@@ -1,5 +1,4 @@
-# Shared by the install tests: strict mode, a scratch directory removed at exit, and
-# kestil-sim started on the test's own loopback address, bounded in time.
+# Shared by the install tests: strict mode, a scratch directory removed at exit, kestil-sim on loopback.
 set -euo pipefail
 BUILD_DIR=$1
 SOURCE_DIR=$2
@@ -14,8 +13,6 @@ finish() {
 }
 trap finish EXIT
 
-# start_sim SIM_BIN ARGS...: runs kestil-sim (its trace in $WORK/sim-trace.txt) and returns
-# once it has printed its listening line; never runs for more than 100 s.
 start_sim() {
   local bin=$1
   shift
@@ -28,7 +25,6 @@ start_sim() {
   [[ $line == "kestil-sim: serving"* ]] || fail "kestil-sim: $line"
 }
 
-# stop_sim: SIGTERM, then the exit status must be 0.
 stop_sim() {
   kill -TERM "$SIM_PID"
   local status=0
@@ -37,10 +33,8 @@ stop_sim() {
   ((status == 0)) || fail "kestil-sim exited with $status"
 }
 
-# expect_eq WHAT EXPECTED ACTUAL
 expect_eq() { [[ $2 == "$3" ]] || fail "$1: expected [$2], got [$3]"; }
 
 md5_of() { md5sum "$1" | cut -d' ' -f1; }
 
-# Deterministic file content of $2 bytes.
 make_file() { head -c "$2" < <(yes "kestil block content $3" | tr -d '\n') >"$1"; }

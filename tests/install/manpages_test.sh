@@ -1,6 +1,4 @@
-# Both manual pages render without a single groff warning, and they keep up with the
-# programs: every command of the usage list has its section in kestil(1) naming each of
-# its options, and every option of kestil-sim's and kestil-pass's usage is in its own page.
+# The manual pages render without groff warnings and describe every command and option of the usage texts.
 source "$(dirname "$0")/lib.sh"
 for page in kestil.1 kestil-sim.1 kestil-pass.1; do
   warnings=$(groff -ww -z -man "$SOURCE_DIR/doc/$page" 2>&1) || fail "groff failed on $page"
@@ -9,7 +7,6 @@ done
 
 page=$SOURCE_DIR/doc/kestil.1
 words=(get resume put ls rm report lsread progress qadd qrm status)
-# A command's section runs from its heading, "get (kestil\-get)", to the next heading.
 section() { HEAD=$1 awk '$0 == ENVIRON["HEAD"] {on = 1; next} /^\.S[SH]/ {on = 0} on' "$page"; }
 commands=0
 while read -r name help; do

@@ -1,8 +1,4 @@
-# The Debian package as `make deb` builds it, from a copy of the source tree: lintian finds
-# no error or warning; unpacked with dpkg -x it holds runtime dependencies only, the eleven
-# command links, compressed manual pages reached from every name, completion and dissector;
-# kestil-sim reports debian/changelog's version; and the package's own test passes against
-# the unpacked programs.
+# The Debian package: lintian clean, runtime dependencies, links, pages, completion, dissector, version, own test.
 source "$(dirname "$0")/lib.sh"
 ADDR=127.0.11.1
 
@@ -10,7 +6,6 @@ DEB_BUILD_OPTIONS=parallel=2 "$SOURCE_DIR/scripts/build-deb" "$WORK/pkg" >"$WORK
   fail "package build: $(tail -30 "$WORK/build.log")"
 deb=$(echo "$WORK"/pkg/kestil_*.deb)
 [[ -f $deb ]] || fail "no package in $(ls "$WORK/pkg")"
-# lintian leaves its ELF caches in TMPDIR: they go with the test's own folder.
 mkdir -p "$WORK/lintian-tmp"
 TMPDIR=$WORK/lintian-tmp lintian --fail-on error,warning "$WORK"/pkg/*.deb >"$WORK/lintian.log" 2>&1 || fail "lintian: $(cat "$WORK/lintian.log")"
 
@@ -40,7 +35,6 @@ plugins=("$root"/usr/lib/*/wireshark/plugins/kestil.lua)
 expect_eq "kestil-sim --version" "kestil-sim $(dpkg-parsechangelog -l "$SOURCE_DIR/debian/changelog" -S Version)" \
   "$("$root/usr/bin/kestil-sim" --version)"
 
-# From here on only the unpacked tree's programs are found.
 PATH=$root/usr/bin:/usr/bin:/bin KESTIL_TEST_ADDR=$ADDR AUTOPKGTEST_TMP=$WORK \
   timeout 200 "$SOURCE_DIR/debian/tests/transfer" >"$WORK/transfer.log" 2>&1 || fail "$(cat "$WORK/transfer.log")"
 echo "package: pass"

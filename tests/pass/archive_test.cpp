@@ -15,23 +15,22 @@
 namespace {
 
 TEST(ArchivePaths, RemoteNamesLandUnderTheArchiveOrAreRefused) {
-  const std::pair<const char *, const char *> cases[] = {
-      {"/data/img/a.jpg", "data/img/a.jpg"},
-      {"a//b/./c", "a/b/c"},
-      {"notes", "notes"},
-      {"x/.kestil-pass.db", "x/.kestil-pass.db"},  // only the archive's top holds kestil-pass's own files
-      {"..", "DotDot"},
-      {"../x", "DotDot"},
-      {"a/../../b", "DotDot"},
-      {"a/..", "DotDot"},
-      {"", "NoFileName"},
-      {"/", "NoFileName"},
-      {"a/", "NoFileName"},
-      {"a/.", "NoFileName"},
-      {".kestil-pass.db", "Reserved"},
-      {"/.kestil-pass.d/x", "Reserved"},
-      {"d/.x.kestil_state", "Reserved"},
-  };
+  // Only the archive's top holds kestil-pass's own files.
+  const std::pair<const char *, const char *> cases[] = {{"/data/img/a.jpg", "data/img/a.jpg"},
+                                                         {"a//b/./c", "a/b/c"},
+                                                         {"notes", "notes"},
+                                                         {"x/.kestil-pass.db", "x/.kestil-pass.db"},
+                                                         {"..", "DotDot"},
+                                                         {"../x", "DotDot"},
+                                                         {"a/../../b", "DotDot"},
+                                                         {"a/..", "DotDot"},
+                                                         {"", "NoFileName"},
+                                                         {"/", "NoFileName"},
+                                                         {"a/", "NoFileName"},
+                                                         {"a/.", "NoFileName"},
+                                                         {".kestil-pass.db", "Reserved"},
+                                                         {"/.kestil-pass.d/x", "Reserved"},
+                                                         {"d/.x.kestil_state", "Reserved"}};
   const char *verdicts[] = {"Ok", "DotDot", "NoFileName", "Reserved"};
   for (auto [remote, want] : cases) {
     ArchivePath p;
@@ -50,36 +49,29 @@ TEST(ArchivePaths, HeldBytesCountTheShortLastBlockOnce) {
   BlkRxVector v{};
   initBlkRxVector(&v, 141);
   setBlkRxVectorFileSize(&v, 300);
-  addBlkToVector(&v, 0);
-  EXPECT_EQ(heldBytes(v), 0u);
-  addBlkToVector(&v, 3);
-  EXPECT_EQ(heldBytes(v), 18u);
-  addBlkToVector(&v, 1);
-  addBlkToVector(&v, 2);
-  EXPECT_EQ(heldBytes(v), 300u);
+  std::vector<uint64_t> held;
+  for (uint32_t b : {0, 3, 1, 2}) addBlkToVector(&v, b), held.push_back(heldBytes(v));
+  EXPECT_EQ(held, (std::vector<uint64_t>{0, 18, 18 + 141, 300}));
   // 2000 blocks, the window slid past the first 1600: the prefix counts whole.
   initBlkRxVector(&v, 141);
   setBlkRxVectorFileSize(&v, 2000 * 141);
   for (uint32_t b = 0; b <= 1600; ++b) addBlkToVector(&v, b);
-  EXPECT_EQ(v.blkNumBase, 1600u);
-  EXPECT_EQ(heldBytes(v), 1600u * 141);
+  EXPECT_EQ(std::to_string(v.blkNumBase) + " " + std::to_string(heldBytes(v)), "1600 225600");  // 1600 x 141
 }
 
 TEST(Schedule, UtcTimesAndWindowsAreReadStrictly) {
-  const std::pair<const char *, int64_t> times[] = {
-      {"1970-01-01T00:00:00Z", 0},
-      {"2026-11-23T08:01:48Z", 1795420908000},
-      {"2024-02-29T12:00:00.25Z", 1709208000250},
-      {"2026-11-23T08:01:48+00:00", 1795420908000},
-      {"2026-11-23T08:01:48", 1795420908000},
-      {"2026-02-29T00:00:00Z", -1},
-      {"2026-13-01T00:00:00Z", -1},
-      {"2026-11-23T24:00:00Z", -1},
-      {"2026-11-23T08:01:48+01:00", -1},
-      {"2026-11-23 08:01:48Z", -1},
-      {"2026-11-23T08:01Z", -1},
-      {"2026-11-23T08:01:48.Z", -1},
-  };
+  const std::pair<const char *, int64_t> times[] = {{"1970-01-01T00:00:00Z", 0},
+                                                    {"2026-11-23T08:01:48Z", 1795420908000},
+                                                    {"2024-02-29T12:00:00.25Z", 1709208000250},
+                                                    {"2026-11-23T08:01:48+00:00", 1795420908000},
+                                                    {"2026-11-23T08:01:48", 1795420908000},
+                                                    {"2026-02-29T00:00:00Z", -1},
+                                                    {"2026-13-01T00:00:00Z", -1},
+                                                    {"2026-11-23T24:00:00Z", -1},
+                                                    {"2026-11-23T08:01:48+01:00", -1},
+                                                    {"2026-11-23 08:01:48Z", -1},
+                                                    {"2026-11-23T08:01Z", -1},
+                                                    {"2026-11-23T08:01:48.Z", -1}};
   for (auto [text, ms] : times) {
     int64_t got = -1;
     EXPECT_EQ(parseUtcTime(text, &got) ? got : -1, ms) << text;
@@ -142,8 +134,7 @@ TEST(Ledger, AKillAtAnyStepOfKeepingAnEarlierVersionLeavesItAgreeingWithTheArchi
   ASSERT_EQ(plan.action, EntryAction::Fetch);
   // ... and one killed after the ledger, before the old name went, is taken up by the next fetch.
   ASSERT_EQ(prepareFetch(archive, ledger, next, &plan, &error), Prepared::Ready) << error;
-  EXPECT_FALSE(kt::exists(archive + "/d/a.bin"));
-  EXPECT_FALSE(kt::exists(archive + "/d/a.bin.~2~"));
+  EXPECT_FALSE(kt::exists(archive + "/d/a.bin") || kt::exists(archive + "/d/a.bin.~2~"));
   ASSERT_TRUE(kt::writeFile(archive + "/d/a.bin", "first"));  // as if the unlink had not happened
   ASSERT_EQ(prepareFetch(archive, ledger, next, &plan, &error), Prepared::Ready) << error;
   EXPECT_FALSE(kt::exists(archive + "/d/a.bin"));

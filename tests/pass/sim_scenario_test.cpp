@@ -4,13 +4,13 @@
 // keeping of an earlier version. Every file is checked with MD5 and against the ledger.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <map>
 
 #include "pass/ledger.hpp"
 #include "pass/schedule.hpp"
+#include "tests/queue/queue_records.hpp"
 #include "tests/support/sim_process.hpp"
 
 #ifndef KESTIL_PASS_BIN
@@ -27,29 +27,12 @@ struct Queued {
   uint8_t group, priority;
 };
 
-// The queue data file of the simulator: 16-bit native entry length, name, NUL, group, priority, flags.
-std::string queueRecord(const Queued &q) {
-  uint16_t len = static_cast<uint16_t>(q.name.size() + 4);
-  return std::string(reinterpret_cast<const char *>(&len), 2) + q.name + '\0' + char(q.group) + char(q.priority) + '\0';
-}
-
-std::vector<std::string> queuedNames(const std::string &qdata) {
-  std::vector<std::string> names;
-  for (size_t at = 0; at + 2 <= qdata.size();) {
-    uint16_t len = 0;
-    std::memcpy(&len, qdata.data() + at, 2);
-    names.push_back(qdata.substr(at + 2).c_str());
-    at += 2 + len;
-  }
-  return names;
-}
-
 void serve(const simt::Served &sim, const std::vector<Queued> &queue) {
   std::string qdata;
   for (const Queued &q : queue) {
     fs::create_directories(fs::path(sim.root + "/" + q.name).parent_path());
     ASSERT_TRUE(kt::writeFile(sim.root + "/" + q.name, q.content));
-    qdata += queueRecord(q);
+    qdata += kt::queueRecord(q.name, q.group, q.priority);
   }
   ASSERT_TRUE(kt::writeFile(sim.root + "/.kestil-sim.qdata", qdata));
 }
@@ -88,10 +71,8 @@ TEST(SimPass, AScheduleDrainsTheQueueAcrossLossyPassesContinuingPartialFiles) {
               {"small/a.txt", kt::patternBytes(5000, 2), 1, 2},
               {"small/b.txt", kt::patternBytes(20000, 3), 1, 9},
               {"one.bin", kt::patternBytes(141, 4), 2, 0},
-              {"empty.bin", "", 0, 0}});
-  ASSERT_TRUE(kt::writeFile(sim.dir + "/outside.bin", "x"));  // queued, and refused: it leaves the root
-  ASSERT_TRUE(kt::writeFile(sim.root + "/.kestil-sim.qdata",
-                            kt::readFile(sim.root + "/.kestil-sim.qdata") + queueRecord({"../outside.bin", "", 3, 0})));
+              {"empty.bin", "", 0, 0},
+              {"../outside.bin", "x", 3, 0}});  // queued, and refused: it leaves the root
   ASSERT_TRUE(sim.restart());
   std::string schedule;
   for (int64_t k = 0; k < passes; ++k)
@@ -147,14 +128,14 @@ TEST(SimPass, AScheduleDrainsTheQueueAcrossLossyPassesContinuingPartialFiles) {
 TEST(SimPass, ConfirmRemovesWhatIsCompleteAndANewVersionKeepsTheEarlierOne) {
   Sim sim("127.0.40.11");
   ASSERT_TRUE(sim.ready) << sim.err;
-  serve(sim, {{"d/a.txt", kt::patternBytes(1000, 5), 0, 0}, {"b.txt", kt::patternBytes(3000, 6), 4, 1}});
-  ASSERT_TRUE(kt::writeFile(sim.dir + "/outside.bin", "x"));
-  ASSERT_TRUE(kt::writeFile(sim.root + "/.kestil-sim.qdata",
-                            kt::readFile(sim.root + "/.kestil-sim.qdata") + queueRecord({"../outside.bin", "", 3, 0})));
+  serve(sim, {{"d/a.txt", kt::patternBytes(1000, 5), 0, 0},
+              {"b.txt", kt::patternBytes(3000, 6), 4, 1},
+              {"../outside.bin", "x", 3, 0}});
   ASSERT_TRUE(sim.restart());
   kt::Result first = pass(sim, "--confirm --for 30");
   ASSERT_EQ(first.status, 0) << first.out << first.err;
-  EXPECT_EQ(queuedNames(kt::readFile(sim.root + "/.kestil-sim.qdata")), std::vector<std::string>{"../outside.bin"});
+  EXPECT_EQ(kt::queueRecords(kt::readFile(sim.root + "/.kestil-sim.qdata")),
+            std::vector<std::string>{"../outside.bin/3/0/0"});
 
   // A new version, queued again: the archived one stays beside it under a suffixed name.
   ASSERT_TRUE(kt::writeFile(sim.root + "/d/a.txt", kt::patternBytes(1500, 7)));

@@ -4,11 +4,11 @@
 
 #include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
 
 #include "queue/downlink_queue.hpp"
 #include "tests/listing/listing_records.hpp"
+#include "tests/queue/queue_records.hpp"
 #include "tests/support/test_support.hpp"
 
 namespace {
@@ -39,25 +39,7 @@ struct Queue : ::testing::Test {
         &names);
     return names;
   }
-  // The data file as "name/group/priority/flags" records in file order.
-  static Names dataRecords() {
-    const std::string d = kt::readFile("q.dat");
-    Names recs;
-    for (size_t at = 0; at + 2 <= d.size();) {
-      uint16_t len;
-      std::memcpy(&len, d.data() + at, 2);
-      const char *rec = d.data() + at + 2, *attrs = rec + std::strlen(rec) + 1;
-      recs.push_back(std::string(rec) + "/" + std::to_string(uint8_t(attrs[0])) + "/" +
-                     std::to_string(uint8_t(attrs[1])) + "/" + std::to_string(uint8_t(attrs[2])));
-      at += 2 + len;
-    }
-    return recs;
-  }
-  static std::string record(const std::string &name, uint8_t group, uint8_t priority = 0, uint8_t flags = 0) {
-    const uint16_t len = static_cast<uint16_t>(name.size() + 4);
-    return std::string(reinterpret_cast<const char *>(&len), 2) + name + '\0' + char(group) + char(priority) +
-           char(flags);
-  }
+  static Names dataRecords() { return kt::queueRecords(kt::readFile("q.dat")); }
   std::filesystem::path oldCwd = std::filesystem::current_path();
   std::string dir = kt::makeTempDir();
 };
@@ -75,8 +57,7 @@ TEST_F(Queue, KeepsPriorityOrderMovesEntriesToTheBackOfTheirPriorityAndRelinksOn
   unlink("B");  // a move does not look the file up again
   dwnq_insert("B", 4, 0, 0);
   EXPECT_EQ(order(4), (Names{"B", "C", "D", "A"}));
-  EXPECT_EQ(groups[4].fileCnt, 4u);
-  EXPECT_EQ(groups[4].totalSize, 40u);
+  EXPECT_EQ(std::pair(groups[4].fileCnt, groups[4].totalSize), std::pair(4u, 40u));
   // A move whose insertion point is the entry itself keeps it and everything behind it.
   add({"Y"}, 6, 5);
   add({"Z"}, 6, 6);
@@ -92,9 +73,7 @@ TEST_F(Queue, KeepsPriorityOrderMovesEntriesToTheBackOfTheirPriorityAndRelinksOn
   dwnq_remove("A", 4);  // the tail
   EXPECT_STREQ(groups[4].tail->name, "D");
   for (const char *n : {"B", "C", "D"}) dwnq_remove(n, 4);
-  EXPECT_EQ(groups[4].head, nullptr);
-  EXPECT_EQ(groups[4].tail, nullptr);
-  EXPECT_EQ(groups[4].fileCnt + groups[4].totalSize, 0u);
+  EXPECT_TRUE(groups[4].head == nullptr && groups[4].tail == nullptr && groups[4].fileCnt + groups[4].totalSize == 0);
 }
 
 TEST_F(Queue, RefusedFilesLeaveQueueAndDataFileAlone) {
@@ -104,8 +83,7 @@ TEST_F(Queue, RefusedFilesLeaveQueueAndDataFileAlone) {
   dwnq_insert("missing", 1, 0, 0);
   dwnq_insert("huge", 1, 0, 0);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Failed stats\nFile huge too large to queue\n");
-  EXPECT_EQ(groups[1].head, nullptr);
-  EXPECT_EQ(kt::readFile("q.dat"), "");
+  EXPECT_TRUE(groups[1].head == nullptr && kt::readFile("q.dat").empty());
 }
 
 TEST_F(Queue, CapDropsTheLastEntryOfAFullGroup) {
@@ -113,19 +91,15 @@ TEST_F(Queue, CapDropsTheLastEntryOfAFullGroup) {
   for (int i = 0; i < 1024; ++i) add({("f" + std::to_string(i)).c_str()}, 7, 5);
   const std::string before = kt::readFile("q.dat");
   add({"late"}, 7, 5);  // would be last itself: dropped, the file rewritten as it was
-  EXPECT_EQ(groups[7].fileCnt, 1024u);
-  EXPECT_EQ(kt::readFile("q.dat"), before);
+  EXPECT_TRUE(groups[7].fileCnt == 1024 && kt::readFile("q.dat") == before);
   add({"urgent"}, 7, 1);  // goes first; the tail f1023 is dropped
   const Names now = order(7), recs = dataRecords();
-  EXPECT_EQ(now.size(), 1024u);
-  EXPECT_EQ(now.front() + " " + now.back(), "urgent f1022");
-  EXPECT_EQ(recs.size(), 1024u);
-  EXPECT_EQ(recs.front() + " " + recs.back(), "urgent/7/1/0 f1022/7/5/0");
+  EXPECT_EQ(std::to_string(now.size()) + " " + now.front() + " " + now.back(), "1024 urgent f1022");
+  EXPECT_EQ(std::to_string(recs.size()) + " " + recs.front() + " " + recs.back(), "1024 urgent/7/1/0 f1022/7/5/0");
 }
 
 TEST_F(Queue, DataFileRecordsAppendRewriteAndReload) {
   dwnq_init("q.dat");  // created empty
-  EXPECT_EQ(dwnq_initialized, 1);
   kt::writeFile("a.bin", std::string(10, 'x'));
   dwnq_insert("a.bin", 3, 7, 0x80);
   EXPECT_EQ(kt::readFile("q.dat"), std::string("\x09\0a.bin\0\x03\x07\x80", 11));
@@ -152,7 +126,7 @@ TEST_F(Queue, LoadingSkipsMalformedRecordsAndKeepsRecordsNotYetRead) {
   // record, one stray byte: nothing past a record is read, and the file loses only the
   // stray byte, so that the next append starts a record of its own.
   kt::writeFile("a", "");
-  const std::string bad = std::string("\x02\0ab\x06\0abcdef", 12) + record("a", 1) + "\x07";
+  const std::string bad = std::string("\x02\0ab\x06\0abcdef", 12) + kt::queueRecord("a", 1) + "\x07";
   kt::writeFile("q.dat", bad);
   dwnq_init("q.dat");
   EXPECT_EQ(order(1), (Names{"a"}));
@@ -166,13 +140,13 @@ TEST_F(Queue, LoadingSkipsMalformedRecordsAndKeepsRecordsNotYetRead) {
   // them is still loaded, and the file is rewritten once, to match the queue.
   dwnq_close();
   std::string file;
-  for (int i = 0; i <= 1024; ++i) file += record("f" + std::to_string(i), 0);
+  for (int i = 0; i <= 1024; ++i) file += kt::queueRecord("f" + std::to_string(i), 0);
   for (int i = 0; i <= 1024; ++i) kt::writeFile("f" + std::to_string(i), "");
-  kt::writeFile("q.dat", file + record("f0", 0, 0, 2) + record("a", 1) + record("a", 1).substr(0, 5));
+  kt::writeFile("q.dat",
+                file + kt::queueRecord("f0", 0, 0, 2) + kt::queueRecord("a", 1) + kt::queueRecord("a", 1).substr(0, 5));
   dwnq_init("q.dat");  // the last record is cut short: loading stops there
   const Names g0 = order(0), recs = dataRecords();
-  EXPECT_EQ(g0.size(), 1024u);
-  EXPECT_EQ(g0.front() + " " + g0.back(), "f1 f0");
+  EXPECT_EQ(std::to_string(g0.size()) + " " + g0.front() + " " + g0.back(), "1024 f1 f0");
   EXPECT_EQ(order(1), (Names{"a"}));
   ASSERT_EQ(recs.size(), 1025u);
   EXPECT_EQ(recs[1022] + " " + recs[1023] + " " + recs[1024], "f1023/0/0/0 f0/0/0/2 a/1/0/0");

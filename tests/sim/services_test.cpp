@@ -1,27 +1,40 @@
-// The simulator's request handling, datagram by datagram with stepped time: what the
-// transfer service sends in answer to requests and acknowledgements, and what the file
-// manager answers. The service's socket is real (loopback); its link is clean. (A download's
-// pace and resends: the pacing tests; whatever datagram arrives: the simulator's fuzz target.)
+// The simulator's request handling, datagram by datagram with stepped time: what the transfer
+// service sends in answer to requests and acknowledgements (the pace in bits of wire, resends
+// of blocks an acknowledgement shows lost, the rounds of unacknowledged blocks that fill an
+// idle wire, uploads), and what the file manager answers. The service's socket is real
+// (loopback); its link is clean. (Whatever datagram arrives: the simulator's fuzz target.)
+// And its command line: each option in its own field, wrong values refused naming the option.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
+#include <utility>
 
 #include "common/wire_codec.hpp"
 #include "queue/downlink_queue.hpp"
 #include "sim/filemgr_service.hpp"
+#include "sim/options.hpp"
 #include "sim/transfer_service.hpp"
 #include "tests/support/file_server.hpp"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using Blocks = std::vector<int>;
 
 Bytes request(uint8_t cmd, const std::string &name, Bytes ack = {}) {
   Bytes d = kt::request(cmd, 0, name);
   d.insert(d.end(), ack.begin(), ack.end());
+  return d;
+}
+
+// An acknowledgement with base 0 whose first bytes are `bits` (one bit per block, MSB first).
+Bytes ack(const Bytes &bits, uint8_t code = KESTIL_VECACK) {
+  Bytes d = {code, 0, 0, 0, 0};
+  d.insert(d.end(), bits.begin(), bits.end());
   return d;
 }
 
@@ -32,37 +45,55 @@ class SimServices : public ::testing::Test {
     mkdir("up", 0755);
     dwnq_init("queue.dat");
     ASSERT_TRUE(client_.bind("127.0.8.20", 0));
+  }
+  // The service, once the test has set its options.
+  void start() {
     sockaddr_in local{AF_INET, 0, {htonl(0x7F000815)}, {}};  // 127.0.8.21
     transferServiceStart(&svc_, &opts_, real_, &loop_, &trace_, openUdpSocket(local), now_);
+    started_ = true;
+  }
+  // A download of f.bin, `size` bytes, paced at `paceBits`.
+  void get(uint64_t paceBits, size_t size) {
+    ASSERT_TRUE(kt::writeFile("f.bin", kt::patternBytes(size, 3)));
+    opts_.paceBits = paceBits;
+    start();
+    deliver(request(KESTIL_GET, "f.bin"));
   }
   void TearDown() override {
-    transferServiceStop(&svc_);
+    if (started_) transferServiceStop(&svc_);
     dwnq_cleanup();
     close(datafd);
     datafd = -1;
     std::filesystem::current_path(saved_);
-    std::filesystem::remove_all(root_);
   }
   void deliver(const Bytes &d) {
     transferHandleDatagram(&svc_, d.data(), static_cast<int>(d.size()), client_.address(), now_);
   }
+  // Steps of 0.1 ms; what arrives is collected as it comes, so no socket buffer overflows.
   void advance(int ms) {
-    for (int i = 0; i < ms; ++i) loopRunDue(&loop_, now_ += 1000);
+    for (int i = 0; i < ms * 10; ++i) {
+      loopRunDue(&loop_, now_ += 100);
+      collect(0);
+    }
   }
+  void collect(int timeoutMs) {
+    for (Bytes d = client_.recv(nullptr, timeoutMs); !d.empty(); d = client_.recv(nullptr, timeoutMs))
+      got_.push_back(d);
+  }
+  // The datagrams received since the last call.
   std::vector<Bytes> received() {
-    std::vector<Bytes> all;
-    for (Bytes d = client_.recv(nullptr, 100); !d.empty(); d = client_.recv(nullptr, 100)) all.push_back(d);
-    return all;
+    collect(20);
+    return std::exchange(got_, {});
   }
-  // Block numbers of the data datagrams received after `ms` more milliseconds; -1 stands for
+  // Block numbers of the data datagrams received after `ms` more milliseconds; 0 stands for
   // the metadata.
-  std::vector<int> blocksAfter(int ms) {
+  Blocks blocksAfter(int ms) {
     advance(ms);
-    std::vector<int> out;
+    Blocks out;
     for (const Bytes &d : received()) {
       KestilDataBlock b{};
       if (decodeDataBlock(d.data(), d.size(), &b)) out.push_back(static_cast<int>(b.blkNum));
-      if (d[0] == KESTIL_METADATA) out.push_back(-1);
+      if (d[0] == KESTIL_METADATA) out.push_back(0);
     }
     return out;
   }
@@ -76,54 +107,120 @@ class SimServices : public ::testing::Test {
 
   std::filesystem::path saved_ = std::filesystem::current_path();
   std::string root_ = kt::makeTempDir(), real_ = std::filesystem::canonical(root_);
+  bool started_ = false;
   SimOptions opts_;
   Trace trace_;
   EventLoop loop_;
   TransferService svc_;
   kt::UdpPeer client_;
+  std::vector<Bytes> got_;
   int64_t now_ = 1000000000;
 };
 
+// A full block datagram of 141 bytes with a 2-byte header is 171 bytes on the wire with IP/UDP.
+TEST_F(SimServices, PaceIsBitsOfWireSoShortDatagramsLeaveRoomForMore) {
+  get(171 * 8 * 20, 141 * 60);  // 20 full blocks a second
+  Blocks got = blocksAfter(1000);
+  // The metadata (61 bytes on the wire) goes at once and costs a third of a block; a second
+  // then carries about 20 blocks more.
+  ASSERT_GE(got.size(), 20u);
+  EXPECT_LE(got.size(), 22u);
+  for (size_t i = 0; i < got.size(); ++i) EXPECT_EQ(got[i], static_cast<int>(i));
+}
+
+TEST_F(SimServices, AcknowledgementShowingALaterArrivalResendsTheHoleFirstAndNotWhatIsInFlight) {
+  get(171 * 8 * 1000, 141 * 40);  // blocks 1 to 40
+  int sent = static_cast<int>(blocksAfter(10).size());
+  ASSERT_GE(sent, 10);
+  // The client has 0-3 and 5-7: 4 was lost, 8 and what followed may still be on the way.
+  deliver(ack({0xF7, 0x00}));
+  Blocks got = blocksAfter(3);
+  ASSERT_GE(got.size(), 2u);
+  EXPECT_EQ(Blocks(got.begin(), got.begin() + 2), (Blocks{4, sent}));  // then the pass goes on
+}
+
+// The client acknowledges every 256 datagrams it takes in, copies included: the rounds send
+// that many since the newest arrival it reported, so that its answer comes, then wait for it.
+TEST_F(SimServices, ThePassEndsWithRoundsOfUnacknowledgedBlocksThenWaitsForTheClient) {
+  get(171 * 8 * 1000, 141 * 15);  // blocks 1 to 15, lastBlk 16
+  int sent = static_cast<int>(blocksAfter(3).size());
+  ASSERT_GE(sent, 2);
+  ASSERT_LT(sent, 8);
+  Bytes all = ack({static_cast<uint8_t>(0xFF00 >> sent)});  // all of them arrived
+  deliver(all);
+  deliver(all);  // a copy the link made is no news and no new budget
+  Blocks got = blocksAfter(3000);
+  ASSERT_EQ(got.size(), 256u);
+  for (size_t i = 0; i < got.size(); ++i) EXPECT_EQ(got[i], sent + static_cast<int>(i) % (16 - sent)) << i;
+  EXPECT_TRUE(blocksAfter(1000).empty());
+  // The client's 2 s acknowledgement that heard nothing new: all of it was lost.
+  deliver(all);
+  EXPECT_EQ(blocksAfter(1000).size(), 256u);
+}
+
+// No cap on datagrams in flight beyond the window: a cap stalls the pass whenever two
+// acknowledgements in a row are lost, since the client acknowledges only every 256 blocks.
+// A client that is behind holds in its socket buffer what it has not reported, so nothing
+// goes twice while more than an acknowledgement's worth of datagrams is unreported.
+TEST_F(SimServices, AClientBehindGetsTheWindowAndNoCopies) {
+  get(171 * 8 * 100000, 141 * 1100);
+  Blocks got = blocksAfter(100);
+  ASSERT_EQ(got.size(), 1024u);  // blocks 0 to 1023, and no round of resends before any report
+  EXPECT_EQ(got.back(), 1023);
+  deliver(ack(Bytes(32, 0xFF)));  // 0-255 arrived: the window moves on to the file's end
+  got = blocksAfter(1000);
+  ASSERT_EQ(got.size(), 77u);
+  EXPECT_EQ((Blocks{got.front(), got.back()}), (Blocks{1024, 1100}));
+  deliver(ack(Bytes(128, 0xFF)));  // 0-1023: only 77 unreported, fewer than the client's 256
+  got = blocksAfter(1000);
+  ASSERT_EQ(got.size(), 256u - 77);
+  for (int b : got) EXPECT_GE(b, 1024);
+}
+
 TEST_F(SimServices, PiggyBackedAcknowledgementLimitsAResumeToWhatIsMissing) {
-  ASSERT_TRUE(kt::writeFile("f.bin", kt::patternBytes(705, 6)));            // 5 blocks
-  deliver(request(KESTIL_GET, "f.bin", kt::bytes({9, 0, 0, 0, 0, 0xE0})));  // holds 0, 1, 2
-  EXPECT_EQ(blocksAfter(50), (std::vector<int>{-1, 3, 4, 5}));              // and no second pass of its own
+  ASSERT_TRUE(kt::writeFile("f.bin", kt::patternBytes(705, 6)));  // 5 blocks
+  start();
+  deliver(request(KESTIL_GET, "f.bin", ack({0xE0})));  // holds 0, 1, 2
+  EXPECT_EQ(blocksAfter(50), (Blocks{0, 3, 4, 5}));    // and no second pass of its own
 }
 
 TEST_F(SimServices, RepeatedRequestContinuesTheTransferAndTheClosingFormEndsIt) {
   ASSERT_TRUE(kt::writeFile("f.bin", kt::patternBytes(500, 7)));
+  start();
   for (int i = 0; i < 2; ++i) {  // the client still lacks the metadata: the same transfer passes again
     deliver(request(KESTIL_GET, "f.bin"));
-    EXPECT_EQ(blocksAfter(50), (std::vector<int>{-1, 1, 2, 3, 4}));
+    EXPECT_EQ(blocksAfter(50), (Blocks{0, 1, 2, 3, 4}));
     EXPECT_EQ(transferSessionCount(&svc_), 1u);
   }
-  deliver(kt::bytes({14, 0, 0, 0, 0, 0x80}));
+  deliver(ack({0x80}, KESTIL_VECACK_FINAL));
   EXPECT_EQ(transferSessionCount(&svc_), 0u);
-  deliver(kt::bytes({9, 0, 0, 0, 0, 0x80}));  // late acknowledgements get nothing
+  deliver(ack({0x80}));  // late acknowledgements get nothing
   EXPECT_TRUE(blocksAfter(50).empty());
 }
 
 TEST_F(SimServices, PutStoresTheUploadAndAnswersLateDatagramsWithTheClosingForm) {
   opts_.ackBlocks = 3;
+  start();
   std::string content = kt::patternBytes(300, 8);
   deliver(request(KESTIL_PUT, "up/new.bin"));
-  EXPECT_EQ(received(), std::vector<Bytes>{kt::bytes({9, 0, 0, 0, 0, 0})});  // size unknown yet
+  EXPECT_EQ(received(), std::vector<Bytes>{ack({0})});  // size unknown yet
   advance(500);
   EXPECT_EQ(received().size(), 1u);  // acknowledged regularly while nothing comes
   sendUpload(content, true, {1, 3});
-  EXPECT_EQ(received(), std::vector<Bytes>{kt::bytes({9, 0, 0, 0, 0, 0xD0})});  // after 3 new blocks
+  EXPECT_EQ(received(), std::vector<Bytes>{ack({0xD0})});  // after 3 new blocks
   EXPECT_FALSE(kt::exists("up/new.bin"));
-  const Bytes complete = kt::bytes({9, 0, 0, 0, 0, 0xF0});
   sendUpload(content, true, {2});
-  EXPECT_EQ(received(), std::vector<Bytes>{complete});
+  EXPECT_EQ(received(), std::vector<Bytes>{ack({0xF0})});
   EXPECT_EQ(kt::readFile("up/new.bin"), content);  // its time: see the put through kestil-sim
   sendUpload(content, true, {2});                  // the client missed the completion: the closing form answers
-  EXPECT_EQ(received(), (std::vector<Bytes>{kt::bytes({14, 0, 0, 0, 0, 0xF0}), kt::bytes({14, 0, 0, 0, 0, 0xF0})}));
+  const Bytes closing = ack({0xF0}, KESTIL_VECACK_FINAL);
+  EXPECT_EQ(received(), (std::vector<Bytes>{closing, closing}));
   advance(1000);
   EXPECT_TRUE(received().empty());  // no periodic acknowledgements once done
 }
 
 TEST_F(SimServices, PutRefusesAMismatchedDigestAndLeavesNothingBehind) {
+  start();
   deliver(request(KESTIL_PUT, "up/bad.bin"));
   sendUpload(kt::patternBytes(200, 9), false, {1, 2});
   const Bytes refusal = kt::bytes({13, 0, 0, 0, 6, 0, 0, 0, 0, 0, 0, 0, 1});
@@ -147,6 +244,60 @@ TEST_F(SimServices, FileManagerRefusesWhatItCannotQueue) {
   EXPECT_EQ(answer(0x10, 3, "f", false), kt::bytes({0x11, 0xFD}));  // no NUL
   EXPECT_EQ(answer(0x12, 2, "f"), kt::bytes({0x13, 0xFE}));         // queued in group 3, not 2
   EXPECT_EQ(answer(0x11, 3, "f"), Bytes{});                         // an answer code: no answer
+}
+
+ParseOutcome parse(const std::string &line, SimOptions *opts, std::string *error) {
+  const std::vector<std::string> args = kt::words("kestil-sim " + line);
+  std::vector<const char *> argv;
+  for (const std::string &a : args) argv.push_back(a.c_str());
+  return parseSimOptions(static_cast<int>(argv.size()), argv.data(), opts, error);
+}
+
+TEST(SimOptions, EveryOptionLandsInItsOwnField) {
+  SimOptions o, r;
+  std::string err;
+  ASSERT_EQ(parse("--root /srv/x --addr=127.0.7.9 --port 4000 --filemgr-port=4001 --queue q --rate 9600 --delay=250 "
+                  "--loss 0.1 --dup 0.05 --reorder 0.2 --pass 30:10 --seed 99 -v --idle 45 --pace 300 "
+                  "--ack-interval 200 --ack-blocks 16",
+                  &o, &err),
+            ParseOutcome::Run)
+      << err;
+  EXPECT_EQ(ntohl(o.addr.s_addr), 0x7F000709u);
+  EXPECT_EQ(o.root + o.queueFile, "/srv/xq");
+  EXPECT_EQ(std::vector<uint64_t>({o.port, o.filemgrPort, o.link.rateBps, o.link.delayMs, o.link.passUpS,
+                                   o.link.passDownS, o.link.seed, o.idleS, o.pace, o.ackIntervalMs, o.ackBlocks}),
+            std::vector<uint64_t>({4000, 4001, 9600, 250, 30, 10, 99, 45, 300, 200, 16}));
+  EXPECT_EQ(std::vector<double>({o.link.loss, o.link.dup, o.link.reorder}), std::vector<double>({0.1, 0.05, 0.2}));
+  EXPECT_TRUE(o.verbose && !o.relay);
+
+  ASSERT_EQ(parse("--relay 127.0.8.1:5000 127.0.8.2:3223", &r, &err), ParseOutcome::Run) << err;
+  EXPECT_TRUE(r.relay);
+  EXPECT_EQ(ntohs(r.relayListen.sin_port), 5000);
+  EXPECT_EQ(ntohl(r.relayUpstream.sin_addr.s_addr), 0x7F000802u);
+}
+
+TEST(SimOptions, RefusesBadValuesWithAMessageNamingTheOption) {
+  // A percentage where a fraction belongs, names where exact addresses belong, ranges,
+  // shapes, a missing value, an unknown option and a stray word.
+  for (const char *line : {"--loss 10", "--dup -0.1", "--reorder x", "--port 0", "--filemgr-port 65536",
+                           "--addr localhost", "--pass 30", "--pass 0:10", "--rate -5", "--relay 127.0.0.1:5000",
+                           "--relay 127.0.0.1 127.0.0.1:3223", "--delay", "--bogus", "stray"}) {
+    SimOptions o;
+    std::string err;
+    EXPECT_EQ(parse(line, &o, &err), ParseOutcome::Error) << line;
+    EXPECT_NE(err.find(kt::words(line)[0]), std::string::npos) << err;
+  }
+}
+
+TEST(SimOptions, PaceRateWinsOverDatagramsAndTheLinkRate) {
+  SimOptions o;
+  o.link.rateBps = 9600;  // the link's own rate, not whole blocks of it
+  EXPECT_DOUBLE_EQ(effectivePaceBits(o, 141), 9600.0);
+  o.pace = 50;  // full blocks: 141 bytes, the widest header and IP/UDP
+  EXPECT_DOUBLE_EQ(effectivePaceBits(o, 141), 50.0 * 174 * 8);
+  std::string err;
+  ASSERT_EQ(parse("--pace-rate 64000", &o, &err), ParseOutcome::Run) << err;
+  EXPECT_DOUBLE_EQ(effectivePaceBits(o, 141), 64000.0);
 }
 
 }  // namespace

@@ -1,53 +1,15 @@
 #!/usr/bin/env python3
-"""Crash soak of the download: `kestil get` of a multi-megabyte file from kestil-sim over a lossy
-link, killed with SIGKILL at seeded random instants, follow-up runs (get or resume of the same
-local name) sometimes killed too, then one more get. After every kill the data file and state
-record must be a partial download that can be continued; every round must end with exit status
-0, the source's content and no state file. Loopback only; every wait bounded.
+"""Gets from kestil-sim killed at random instants leave a continuable partial download; each round ends verified."""
+import hashlib, os, random, struct, sys, time
 
-    crash_soak.py --bin-dir build/bin --kills 100            # the long soak, ~20 minutes
-"""
-import argparse, atexit, hashlib, os, random, select, shutil, signal, struct, subprocess, sys, tempfile, time
+sys.dont_write_bytecode = True  # no cache files beside the sources
+from soaklib import Sim, fail, options, run, write  # noqa: E402
 
 STATE_SIZE = 2248
 VECTOR = struct.Struct("<IIIIIiii16s128s")  # the block vector, 20 bytes into the state record
 
 
-def fail(msg):
-    print("FAIL: " + msg, flush=True)
-    sys.exit(1)
-
-
-class Sim:
-    """kestil-sim on its own loopback address, ready once it has printed its serving line."""
-
-    def __init__(self, binary, root, addr, args, trace_path):
-        self.trace = open(trace_path, "wb")
-        self.proc = subprocess.Popen([binary, "--root", root, "--addr", addr] + args, stdout=self.trace,
-                                     stderr=subprocess.PIPE)
-        line, deadline = b"", time.monotonic() + 10
-        while not line.endswith(b"\n") and select.select([self.proc.stderr], [], [], max(0, deadline - time.monotonic()))[0]:
-            chunk = os.read(self.proc.stderr.fileno(), 512)
-            if not chunk:
-                break
-            line += chunk
-        if not line.startswith(b"kestil-sim: serving"):
-            self.stop()
-            fail("kestil-sim did not start: %r" % line)
-
-    def stop(self):
-        if self.proc.poll() is None:
-            self.proc.send_signal(signal.SIGTERM)
-            try:
-                self.proc.wait(10)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait()
-        self.trace.close()
-
-
 def check_partial(cwd, local, source):
-    """None when the data file and state record left by a killed run are consistent."""
     state_path = os.path.join(cwd, "." + local + ".kestil_state")
     if not os.path.exists(state_path):
         return None  # killed before the record was made, or after a verified end removed it
@@ -76,63 +38,34 @@ def check_partial(cwd, local, source):
     return None
 
 
-def run_client(kestil, cwd, args, kill_after, limit_s=120):
-    """Runs one client; SIGKILL after kill_after seconds (None: never). Its status, or 'killed'."""
+def run_client(kestil, cwd, args, kill_after):
     with open(os.path.join(cwd, "client.out"), "wb") as out:
-        proc = subprocess.Popen([kestil] + args, cwd=cwd, stdout=out, stderr=subprocess.STDOUT,
-                                stdin=subprocess.DEVNULL)
-        try:
-            return proc.wait(kill_after if kill_after is not None else limit_s)
-        except subprocess.TimeoutExpired:
-            proc.kill()
-            proc.wait()
-            return "killed" if kill_after is not None else "timed out after %ds" % limit_s
+        return run([kestil] + args, kill_after, cwd=cwd, stdout=out, stderr=out)
 
 
 def main():
-    ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    ap.add_argument("--bin-dir", required=True)
-    ap.add_argument("--kills", type=int, default=100, help="SIGKILLs in all (at least)")
-    ap.add_argument("--size", type=int, default=2 * 1024 * 1024, help="bytes of the remote file")
-    ap.add_argument("--loss", default="0.05")
-    ap.add_argument("--seed", type=int, default=1)
-    ap.add_argument("--addr", default="127.0.9.40")
-    opts = ap.parse_args()
-    # The client and the simulator run in their own directories: the binaries are found from anywhere.
-    opts.bin_dir = os.path.abspath(opts.bin_dir)
-    kestil = os.path.join(opts.bin_dir, "kestil")
-    rng = random.Random(opts.seed)
-    work = tempfile.mkdtemp(prefix="kestil-soak.")
-    atexit.register(shutil.rmtree, work, ignore_errors=True)  # also when the simulator fails to start
-    root, cwd = os.path.join(work, "root"), os.path.join(work, "client")
-    os.makedirs(root)
+    opts = options("127.0.9.40", kills=100, size=2 * 1024 * 1024, loss="0.05", seed=1)
+    kestil, rng = os.path.join(opts.bin_dir, "kestil"), random.Random(opts.seed)
+    root, cwd = os.path.join(opts.work, "root"), os.path.join(opts.work, "client")
     os.makedirs(cwd)
     source = rng.randbytes(opts.size)
-    with open(os.path.join(root, "payload.bin"), "wb") as f:
-        f.write(source)
-    sim = Sim(os.path.join(opts.bin_dir, "kestil-sim"), root, opts.addr,
-              ["--loss", opts.loss, "--dup", "0.01", "--seed", str(opts.seed), "--pace", "8000", "--idle", "5"],
-              os.path.join(work, "sim-trace.txt"))
+    write(os.path.join(root, "payload.bin"), source)
+    sim = Sim(opts.bin_dir, root, opts.addr,
+              ["--loss", opts.loss, "--dup", "0.01", "--seed", str(opts.seed), "--pace", "8000", "--idle", "5"])
     get = ["get", "-h", opts.addr, "-o"]
-    started = time.monotonic()
-    kills = runs = rounds = 0
+    started, kills, rounds = time.monotonic(), 0, 0
     try:
-        # One uninterrupted download first: the kill instants spread over its length.
-        status = run_client(kestil, cwd, get + ["whole.bin", "payload.bin"], None)
-        span = time.monotonic() - started
-        if status != 0:
-            fail("the uninterrupted get ended with %s" % status)
+        if run_client(kestil, cwd, get + ["whole.bin", "payload.bin"], None) != 0:
+            fail("the uninterrupted get failed")
+        span = time.monotonic() - started  # the kill instants spread over one whole get
         while kills < opts.kills:
             rounds += 1
             local = "copy%03d.bin" % rounds
             for attempt in range(rng.choice([1, 2, 3, 4])):
-                # A follow-up is a get of the same names or a resume of the local file.
                 args = ["resume", local] if attempt > 0 and rng.random() < 0.5 else get + [local, "payload.bin"]
                 kill_after = rng.uniform(0.0, span)
                 status = run_client(kestil, cwd, args, kill_after)
-                runs += 1
-                if status != "killed":
-                    # It ended before its kill: verified, or a resume that found no record left.
+                if status != "killed":  # verified, or a resume that found no record left
                     if status != 0 and not (args[0] == "resume" and status == 1):
                         fail("round %d: %s ended with %s before its kill" % (rounds, " ".join(args), status))
                     break
@@ -141,22 +74,15 @@ def main():
                 if problem:
                     fail("round %d, kill %d after %.3fs: %s" % (rounds, kills, kill_after, problem))
             status = run_client(kestil, cwd, get + [local, "payload.bin"], None)
-            runs += 1
             with open(os.path.join(cwd, local), "rb") as f:
-                content = f.read()
-            if status != 0 or content != source:
-                fail("round %d: the finishing get ended with %s and a file of %d bytes (digest %s)"
-                     % (rounds, status, len(content), "right" if content == source else "wrong"))
-            if os.path.exists(os.path.join(cwd, "." + local + ".kestil_state")):
-                fail("round %d: the state file outlived a verified download" % rounds)
+                same = f.read() == source
+            if status != 0 or not same or os.path.exists(os.path.join(cwd, "." + local + ".kestil_state")):
+                fail("round %d: the finishing get ended with %s, %s content, state file %s" % (
+                    rounds, status, "same" if same else "other", os.listdir(cwd)))
             os.remove(os.path.join(cwd, local))
-            print("round %d verified: %d kills so far, %.0f s" % (rounds, kills, time.monotonic() - started),
-                  flush=True)
+            print("round %d verified: %d kills, %.0f s" % (rounds, kills, time.monotonic() - started), flush=True)
     finally:
         sim.stop()
-    print("crash soak: %d kills in %d rounds (%d runs) of a %d-byte file at %s loss, seed %d, %.0f s; "
-          "every round ended verified" % (kills, rounds, runs, opts.size, opts.loss, opts.seed,
-                                            time.monotonic() - started), flush=True)
 
 
 if __name__ == "__main__":

@@ -1,16 +1,9 @@
 #!/usr/bin/env python3
-"""SIGINT against kestil-sim, mid-transfer, one command after the other: get ends early (seven
-closing acknowledgements 300 ms apart, exit 13, both files kept, then `resume` completes the
-file); put ends with its statistics line and exit 0; ls and report ignore it and print the same
-table as without it. Loopback only (one simulator on its own address); every wait bounded.
-
-    interrupt_check.py --bin-dir build/bin [--addr 127.0.10.1]
-"""
-import argparse, atexit, os, random, re, shutil, signal, subprocess, sys, tempfile, time
+"""SIGINT mid-transfer: get ends with exit 13 and resume completes it, put ends at once, ls and report ignore it."""
+import os, random, re, signal, subprocess, sys, tempfile, time
 
 sys.dont_write_bytecode = True  # no cache files beside the sources
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from crash_soak import Sim  # noqa: E402
+from soaklib import Sim, eventually, options, write  # noqa: E402
 
 failures = []
 
@@ -19,15 +12,6 @@ def check(ok, what):
     print(("ok    " if ok else "FAIL  ") + what, flush=True)
     if not ok:
         failures.append(what)
-
-
-def eventually(pred, timeout_s):
-    deadline = time.monotonic() + timeout_s
-    while not pred():
-        if time.monotonic() > deadline:
-            return False
-        time.sleep(0.01)
-    return True
 
 
 class Client:
@@ -46,41 +30,30 @@ class Client:
         return self.proc.returncode, self.out.read().decode(errors="replace")
 
 
-def table(output):
-    """The lines a person reads: progress redraws, block traces and timing lines left out."""
+def table(output):  # what a person reads: no progress redraws, block traces or timing lines
     text = re.sub(r"\r\[[^\]]*\]|   block \d+, ", "", output)
     return [line for line in text.split("\n") if line and not line.startswith(("Elapsed time", "Received file"))]
 
 
 def main():
-    ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
-    ap.add_argument("--bin-dir", required=True)
-    ap.add_argument("--addr", default="127.0.10.1")
-    opts = ap.parse_args()
-    kestil = os.path.join(opts.bin_dir, "kestil")
-    work = tempfile.mkdtemp(prefix="kestil-sigint.")
-    atexit.register(shutil.rmtree, work, ignore_errors=True)  # also when the simulator fails to start
+    opts = options("127.0.10.1")
+    kestil, work = os.path.join(opts.bin_dir, "kestil"), opts.work
     root, cwd = os.path.join(work, "root"), os.path.join(work, "client")
-    os.makedirs(os.path.join(root, "sub"))
-    os.makedirs(cwd)
     rng = random.Random(7)
     source, upload = rng.randbytes(1500000), rng.randbytes(400000)
     for path, content in ((root + "/big.bin", source), (root + "/a.txt", b"alpha\n"),
                           (root + "/sub/b.txt", b"beta\n" * 50), (cwd + "/up.bin", upload)):
-        with open(path, "wb") as f:
-            f.write(content)
+        write(path, content)
     trace = os.path.join(work, "sim-trace.txt")
 
     def trace_lines(pattern):
         with open(trace, "r", errors="replace") as f:
             return [line for line in f if re.search(pattern, line)]
 
-    # A slow, long link: the fetches last long enough for an interrupt to land in them.
-    sim = Sim(os.path.join(opts.bin_dir, "kestil-sim"), root, opts.addr,
+    sim = Sim(opts.bin_dir, root, opts.addr,
               ["--delay", "150", "--loss", "0.02", "--seed", "3", "--pace", "1000", "-v"], trace)
     state = os.path.join(cwd, ".big.bin.kestil_state")
     try:
-        # get: interrupted once the record shows blocks stored.
         get = Client(kestil, cwd, ["get", "-h", opts.addr, "big.bin"])
         check(eventually(lambda: os.path.exists(state) and os.path.getsize(state) == 2248
                          and int.from_bytes(open(state, "rb").read()[36:40], "little") > 100, 30),
@@ -91,9 +64,6 @@ def main():
         check(out.endswith("\nWaiting for satellite to stop spamming...\n"), "get: ends with the draining line")
         times = [float(line.split()[0]) for line in trace_lines(r" in +\S+ code 14 ")]
         check(len(times) == 7, "get: seven closing acknowledgements (saw %d)" % len(times))
-        # Six pauses of 300 ms: 1.8 s from first to last. A loaded machine stretches or bunches
-        # single gaps, so only the span is checked: a stall of a second may delay the first, and
-        # the whole may take three times as long.
         span = times[-1] - times[0] if times else 0
         check(0.8 <= span <= 5.4, "get: closing acknowledgements 300 ms apart (%.3f s from first to last)" % span)
         check(os.path.exists(os.path.join(cwd, "big.bin")) and os.path.exists(state), "get: both files kept")
@@ -104,7 +74,6 @@ def main():
               "resume: completes the interrupted file (exit %s, %s content, state %s)"
               % (status, "same" if same else "other", "left" if os.path.exists(state) else "gone"))
 
-        # put: interrupted once the simulator has seen data blocks.
         before = len(trace_lines(r" in +\S+ code [5-8] "))
         put = Client(kestil, cwd, ["put", "-h", opts.addr, "-p", "200", "-o", "up.bin", "up.bin"])
         check(eventually(lambda: len(trace_lines(r" in +\S+ code [5-8] ")) > before + 50, 30),
@@ -116,7 +85,6 @@ def main():
               and "Done!" not in out, "put: ends with its statistics line")
         check(not os.path.exists(os.path.join(root, "up.bin")), "put: nothing stored remotely")
 
-        # ls and report: interrupts are ignored, the same table is printed as without them.
         subprocess.run([kestil, "qadd", "-h", opts.addr, "-g", "2", "a.txt"], cwd=cwd, capture_output=True, timeout=30)
         for name, args in (("ls", ["ls", "-h", opts.addr, "-o", "r", "."]), ("report", ["report", "-h", opts.addr])):
             quiet_status, quiet = Client(kestil, cwd, args).finish()
@@ -126,7 +94,7 @@ def main():
             for _ in range(3):
                 if noisy.proc.poll() is None:
                     noisy.proc.send_signal(signal.SIGINT)
-                time.sleep(0.2)  # three interrupts spread over the fetch, not a readiness wait
+                time.sleep(0.2)  # spread over the fetch, not a readiness wait
             status, out = noisy.finish()
             check(quiet_status == 0 and status == 0, "%s: exit status 0 with and without SIGINT (%s, %s)"
                   % (name, quiet_status, status))

@@ -1,21 +1,11 @@
 #!/usr/bin/env python3
-"""Kill -9 soak of kestil-pass: runs against kestil-sim over a lossy link, each killed with
-SIGKILL at a seeded random instant (its sessions are left to end by themselves, as they would
-be), the next run started at once. After every kill the ledger must open and agree with the
-archive: every file it holds complete is there with the source's digest. A last run without a
-kill must then drain the queue: the archive holds exactly the source's files, the ledger holds
-each complete, and no state record is left. Loopback only; every wait bounded.
+"""kestil-pass killed at random instants: the ledger agrees with the archive after each kill, the last run drains."""
+import hashlib, os, random, shutil, signal, sqlite3, struct, subprocess, sys, time
 
-    pass_soak.py --bin-dir build/bin --kills 100            # the long soak
-"""
-import argparse, hashlib, os, random, select, shutil, signal, sqlite3, struct, subprocess, sys, tempfile, time
+sys.dont_write_bytecode = True  # no cache files beside the sources
+from soaklib import Sim, fail, options, run, write  # noqa: E402
 
 OWN = (".kestil-pass.db", ".kestil-pass.lock", ".kestil-pass.d")
-
-
-def fail(msg):
-    print("FAIL: " + msg, flush=True)
-    sys.exit(1)
 
 
 def make_queue(root, rng, count, max_size):
@@ -23,19 +13,15 @@ def make_queue(root, rng, count, max_size):
     for i in range(count):
         name = "g%d/file%02d.bin" % (i % 3, i)
         data = rng.randbytes(0 if i == 0 else rng.randrange(1, max_size))
-        os.makedirs(os.path.join(root, os.path.dirname(name)), exist_ok=True)
-        with open(os.path.join(root, name), "wb") as f:
-            f.write(data)
+        write(os.path.join(root, name), data)
         sums[name] = hashlib.md5(data).hexdigest()
         raw = name.encode()
         queue += struct.pack("<H", len(raw) + 4) + raw + b"\0" + bytes([i % 3, rng.randrange(5), 0])
-    with open(os.path.join(root, ".kestil-sim.qdata"), "wb") as f:
-        f.write(queue)
+    write(os.path.join(root, ".kestil-sim.qdata"), queue)
     return sums
 
 
 def check_ledger(archive, sums):
-    """None when the ledger opens and every file it holds complete has the source's bytes."""
     db = sqlite3.connect(os.path.join(archive, ".kestil-pass.db"), timeout=10)
     try:
         if db.execute("PRAGMA integrity_check").fetchone()[0] != "ok":
@@ -64,9 +50,7 @@ def archive_files(archive):
     return found
 
 
-def wait_groups_gone(groups, seconds=10):
-    """Waits, bounded, until no process of a run's group is left (sessions of a killed run end
-    on their own within a few seconds)."""
+def wait_groups_gone(groups, seconds=10):  # a killed run's sessions end on their own
     deadline = time.monotonic() + seconds
     for g in groups:
         while time.monotonic() < deadline:
@@ -78,45 +62,25 @@ def wait_groups_gone(groups, seconds=10):
 
 
 def main():
-    ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    ap.add_argument("--bin-dir", required=True)
-    ap.add_argument("--kills", type=int, default=100, help="SIGKILLs in all (at least)")
-    ap.add_argument("--files", type=int, default=8)
-    ap.add_argument("--max-size", type=int, default=150000)
-    ap.add_argument("--loss", default="0.05")
-    ap.add_argument("--seed", type=int, default=1)
-    ap.add_argument("--addr", default="127.0.41.1")
-    opts = ap.parse_args()
-    bindir = os.path.abspath(opts.bin_dir)
-    rng = random.Random(opts.seed)
-    work = tempfile.mkdtemp(prefix="kestil-pass-soak.")
+    opts = options("127.0.41.1", kills=100, files=8, max_size=150000, loss="0.05", seed=1)
+    rng, work = random.Random(opts.seed), opts.work
     root = os.path.join(work, "root")
     sums = make_queue(root, rng, opts.files, opts.max_size)
-    sim = subprocess.Popen([os.path.join(bindir, "kestil-sim"), "--root", root, "--addr", opts.addr, "--rate", "800000",
-                            "--loss", opts.loss, "--seed", str(opts.seed)],
-                           stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
     groups = []  # each run in a process group of its own, so that its sessions can be waited for
+    sim = Sim(opts.bin_dir, root, opts.addr, ["--rate", "800000", "--loss", opts.loss, "--seed", str(opts.seed)])
 
-    def run(archive, kill_after, limit=120):
-        proc = subprocess.Popen([os.path.join(bindir, "kestil-pass"), "-h", opts.addr, "--archive", archive, "-q"],
-                                cwd=work, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, start_new_session=True)
-        groups.append(proc.pid)
-        try:
-            proc.wait(kill_after if kill_after is not None else limit)
-            return proc.returncode, proc.stderr.read().decode()
-        except subprocess.TimeoutExpired:
-            proc.kill()
-            proc.wait()
-            return ("killed" if kill_after is not None else "timed out after %d s" % limit), ""
+    def drain(archive, kill_after):
+        with open(os.path.join(work, "pass.err"), "w+b") as err:
+            status = run([os.path.join(opts.bin_dir, "kestil-pass"), "-h", opts.addr, "--archive", archive, "-q"],
+                         kill_after, pids=groups, cwd=work, stdout=subprocess.DEVNULL, stderr=err,
+                         start_new_session=True)
+            err.seek(0)
+            return status, err.read().decode(errors="replace")
 
-    started = time.monotonic()
-    kills = rounds = runs = 0
+    started, kills, rounds = time.monotonic(), 0, 0
     try:
-        if not select.select([sim.stderr], [], [], 10)[0] or not sim.stderr.readline().startswith(b"kestil-sim: serving"):
-            fail("kestil-sim did not start")
-        # One drain without a kill first: the kill instants spread over its length.
-        status, err = run(os.path.join(work, "whole"), None)
-        span = time.monotonic() - started
+        status, err = drain(os.path.join(work, "whole"), None)
+        span = time.monotonic() - started  # the kill instants spread over one whole drain
         if status != 0:
             fail("the uninterrupted drain ended with %s: %s" % (status, err))
         while kills < opts.kills:
@@ -124,8 +88,7 @@ def main():
             archive = os.path.join(work, "archive%03d" % rounds)
             while True:  # killed runs, one after the other, until one drains the queue
                 kill_after = rng.uniform(0.0, span)
-                status, err = run(archive, kill_after)
-                runs += 1
+                status, err = drain(archive, kill_after)
                 if status != "killed":
                     break
                 kills += 1
@@ -143,19 +106,14 @@ def main():
                 fail("round %d drained: %s; the archive holds %s, the ledger %s complete, the source %s"
                      % (rounds, problem, sorted(archive_files(archive)), sorted(complete), sorted(sums)))
             shutil.rmtree(archive)
-            print("round %d drained: %d kills so far, %.0f s" % (rounds, kills, time.monotonic() - started), flush=True)
+            print("round %d drained: %d kills, %.0f s" % (rounds, kills, time.monotonic() - started), flush=True)
     finally:
         for g in groups:
             try:
                 os.killpg(g, signal.SIGKILL)
             except ProcessLookupError:
                 pass
-        sim.send_signal(signal.SIGTERM)
-        sim.wait(10)
-        shutil.rmtree(work, ignore_errors=True)
-    print("kestil-pass soak: %d kills in %d rounds (%d runs) of a queue of %d files at %s loss, seed %d, %.0f s; the "
-          "ledger agreed with the archive after every kill and every round drained" %
-          (kills, rounds, runs, len(sums), opts.loss, opts.seed, time.monotonic() - started), flush=True)
+        sim.stop()
 
 
 if __name__ == "__main__":
