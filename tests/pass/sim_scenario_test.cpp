@@ -1,7 +1,9 @@
 // kestil-pass against kestil-sim: a queue of mixed files over groups and priorities drained
 // across the passes of a schedule through a lossy link, partial files continued, not
-// restarted; and, on a clean link, removal from the queue of what is complete and the
-// keeping of an earlier version. Every file is checked with MD5 and against the ledger.
+// restarted, past windows skipped; and, on a clean link, removal from the queue of what is
+// complete, an entry the archive cannot take failing alone, and the keeping of an earlier
+// version (or the reuse of its row once it was removed by hand). Every file is checked with
+// MD5 and against the ledger.
 #include <gtest/gtest.h>
 
 #include <ctime>
@@ -74,7 +76,8 @@ TEST(SimPass, AScheduleDrainsTheQueueAcrossLossyPassesContinuingPartialFiles) {
               {"empty.bin", "", 0, 0},
               {"../outside.bin", "x", 3, 0}});  // queued, and refused: it leaves the root
   ASSERT_TRUE(sim.restart());
-  std::string schedule;
+  const std::string past = formatUtc((t0 - 60) * 1000) + " to " + formatUtc((t0 - 30) * 1000);
+  std::string schedule = formatUtc((t0 - 60) * 1000) + " " + formatUtc((t0 - 30) * 1000) + "\n";
   for (int64_t k = 0; k < passes; ++k)
     schedule += formatUtc((t0 + k * (up + down)) * 1000) + " " + formatUtc((t0 + k * (up + down) + up) * 1000) + "\n";
   ASSERT_TRUE(kt::writeFile(sim.dir + "/schedule", schedule));
@@ -89,6 +92,7 @@ TEST(SimPass, AScheduleDrainsTheQueueAcrossLossyPassesContinuingPartialFiles) {
   kt::Result r = kt::finish(run, 110000);
   ASSERT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_NE(r.out.find("../outside.bin: refused, a \"..\" component would leave the archive\n"), std::string::npos);
+  EXPECT_TRUE(r.out.starts_with("window " + past + " is past: skipped\n")) << r.out;
 
   std::map<std::string, std::string> files = archived(sim.dir + "/arch");
   ASSERT_EQ(files.size(), 5u);
@@ -130,12 +134,15 @@ TEST(SimPass, ConfirmRemovesWhatIsCompleteAndANewVersionKeepsTheEarlierOne) {
   ASSERT_TRUE(sim.ready) << sim.err;
   serve(sim, {{"d/a.txt", kt::patternBytes(1000, 5), 0, 0},
               {"b.txt", kt::patternBytes(3000, 6), 4, 1},
-              {"../outside.bin", "x", 3, 0}});
+              {"../outside.bin", "x", 3, 0},
+              {"e/c.txt", "c", 2, 0}});
   ASSERT_TRUE(sim.restart());
+  ASSERT_TRUE(kt::writeFile(sim.dir + "/arch/e", "a file where a folder must go"));
   kt::Result first = pass(sim, "--confirm --for 30");
   ASSERT_EQ(first.status, 0) << first.out << first.err;
+  EXPECT_NE(first.out.find("e/c.txt: failed: "), std::string::npos) << first.out;
   EXPECT_EQ(kt::queueRecords(kt::readFile(sim.root + "/.kestil-sim.qdata")),
-            std::vector<std::string>{"../outside.bin/3/0/0"});
+            (std::vector<std::string>{"e/c.txt/2/0/0", "../outside.bin/3/0/0"}));
 
   // A new version, queued again: the archived one stays beside it under a suffixed name.
   ASSERT_TRUE(kt::writeFile(sim.root + "/d/a.txt", kt::patternBytes(1500, 7)));
@@ -143,14 +150,27 @@ TEST(SimPass, ConfirmRemovesWhatIsCompleteAndANewVersionKeepsTheEarlierOne) {
   kt::Result second = pass(sim, "--for 30 -q");
   ASSERT_EQ(second.status, 0) << second.out << second.err;
   EXPECT_TRUE(second.out.starts_with("pass 2 ended (drained) after ")) << second.out;
-  EXPECT_NE(second.out.find(": 1 complete, 0 partial, 0 failed, 1 refused, 0 held before; 1500 bytes"),
+  EXPECT_NE(second.out.find(": 1 complete, 0 partial, 1 failed, 1 refused, 0 held before; 1500 bytes"),
             std::string::npos)
       << second.out;
   std::map<std::string, std::string> files = archived(sim.dir + "/arch");
   EXPECT_EQ(files["d/a.txt"], kt::patternBytes(1500, 7));
   EXPECT_EQ(files["d/a.txt.~1~"], kt::patternBytes(1000, 5));
   kt::Result status = kt::run(sim.dir, "kestil-pass", {"--status", "--archive", "arch"}, 5000, KESTIL_PASS_BIN);
-  EXPECT_TRUE(status.out.starts_with("files: 2 complete, 0 partial, 0 failed, 1 refused, 1 earlier versions\n"))
+  EXPECT_TRUE(status.out.starts_with("files: 2 complete, 0 partial, 1 failed, 1 refused, 1 earlier versions\n"))
+      << status.out;
+
+  // Removed from the archive by hand, then queued in a new version: its ledger row is taken
+  // again, and there is no earlier version to keep.
+  fs::remove(sim.dir + "/arch/d/a.txt");
+  ASSERT_TRUE(kt::writeFile(sim.root + "/d/a.txt", kt::patternBytes(2000, 8)));
+  ASSERT_EQ(sim.run(sim.dir, "dlq-rm", {"d/a.txt"}).status, 0);  // queued again at its new size
+  ASSERT_EQ(sim.run(sim.dir, "dlq-add", {"d/a.txt"}).status, 0);
+  kt::Result third = pass(sim, "--for 30 -q");
+  ASSERT_EQ(third.status, 0) << third.out << third.err;
+  EXPECT_TRUE(kt::readFile(sim.dir + "/arch/d/a.txt") == kt::patternBytes(2000, 8));
+  status = kt::run(sim.dir, "kestil-pass", {"--status", "--archive", "arch"}, 5000, KESTIL_PASS_BIN);
+  EXPECT_TRUE(status.out.starts_with("files: 2 complete, 0 partial, 1 failed, 1 refused, 1 earlier versions\n"))
       << status.out;
 }
 
