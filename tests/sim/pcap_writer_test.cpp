@@ -1,6 +1,7 @@
-// A capture file's packet block byte for byte: the IPv4 and UDP headers made up around the
-// datagram (checksum included), the padding, and the comment with the link's verdict. (The
-// header, the interface and whole captures: tshark reads them in the dissector's install test.)
+// A capture file's header and packet block byte for byte: the section and its raw-IPv4
+// interface, the IPv4 and UDP headers made up around the datagram (checksum included), the
+// padding, and the comment with the link's verdict. (Whole captures: tshark reads them in the
+// dissector's install test.)
 #include <arpa/inet.h>
 
 #include <gtest/gtest.h>
@@ -15,6 +16,21 @@ sockaddr_in endpoint(const char *ip, uint16_t port) {
   sockaddr_in a{AF_INET, htons(port), {}, {}};
   inet_pton(AF_INET, ip, &a.sin_addr);
   return a;
+}
+
+TEST(PcapWriter, HeaderIsABigEndianSectionAndARawIPv4Interface) {
+  // clang-format off
+  const std::vector<uint8_t> expected = {
+      0x0A, 0x0D, 0x0D, 0x0A, 0x00, 0x00, 0x00, 0x1C, 0x1A, 0x2B, 0x3C, 0x4D,  // section, 28 bytes
+      0x00, 0x01, 0x00, 0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,  // 1.0, length not given
+      0x00, 0x00, 0x00, 0x1C,
+      0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x14, 0x00, 0x65, 0x00, 0x00,  // interface, 20 bytes, raw
+      0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x14};                          // no snap length
+  // clang-format on
+  std::vector<uint8_t> buf(64, 0xEE);
+  ASSERT_EQ(pcapFormatHeader(buf.data(), buf.size()), expected.size());
+  EXPECT_EQ(std::vector<uint8_t>(buf.begin(), buf.begin() + expected.size()), expected);
+  EXPECT_EQ(pcapFormatHeader(buf.data(), expected.size() - 1), 0u);
 }
 
 TEST(PcapWriter, PacketBlockCarriesPaddedPacketAndComment) {
