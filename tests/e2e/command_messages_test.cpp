@@ -138,11 +138,13 @@ TEST(CommandMessages, ProgressMapsLinesOf64BlocksFromTheBaseElidesPastTheWindowA
       "State file is .x.kestil_state\nRemote file: /data/img/a.jpg\nFile number: 16909060\n"
       "Remote host: 127.0.5.9:3223\nBlock size: 141\n";
   const std::string missing(64, 'O');
+  std::string base = missing;
+  base[0] = '.';
   std::string elided = head + "Percent complete: 0.0 (0 / 2000)\n";
   for (int line = 0; line < 16; ++line) {
     char label[16];
     std::snprintf(label, sizeof label, "%08d: ", line * 64);
-    elided += label + (line == 0 ? "." + missing.substr(1) : missing) + "\n";
+    elided += label + (line == 0 ? base : missing) + "\n";
   }
   elided += "........: " + missing + "\n00001984: " + std::string(16, 'O') + "\n";
   // Window from 64: blocks 66-69 in ring byte 0 (0011 1100), block 130 in byte 8 (0010 0000).

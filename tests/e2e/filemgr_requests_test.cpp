@@ -10,9 +10,12 @@ namespace {
 
 // A queue request: code, group, priority, a zero byte, the name and its NUL.
 std::vector<uint8_t> queueOp(uint8_t cmd, uint8_t group, uint8_t priority, const std::string &name) {
-  std::vector<uint8_t> d{cmd, group, priority, 0};
-  d.insert(d.end(), name.begin(), name.end());
-  d.push_back(0);
+  // Sized once and filled: g++ 12 at -O2 takes an insert into a 4-byte vector for an overrun.
+  std::vector<uint8_t> d(4 + name.size() + 1, 0);
+  d[0] = cmd;
+  d[1] = group;
+  d[2] = priority;
+  std::copy(name.begin(), name.end(), d.begin() + 4);
   return d;
 }
 

@@ -44,6 +44,13 @@ struct Queue : ::testing::Test {
   std::string dir = kt::makeTempDir();
 };
 
+// "f0", "f1", ...: built with snprintf, since g++ 12 at -O2 takes "f" + std::string for an overlap.
+std::string fileName(int i) {
+  char buf[16];
+  std::snprintf(buf, sizeof buf, "f%d", i);
+  return buf;
+}
+
 TEST_F(Queue, KeepsPriorityOrderMovesEntriesToTheBackOfTheirPriorityAndRelinksOnRemoval) {
   add({"A"}, 4, 2, 10);  // queued before loading: nothing to walk yet
   EXPECT_TRUE(order(4).empty());
@@ -88,7 +95,7 @@ TEST_F(Queue, RefusedFilesLeaveQueueAndDataFileAlone) {
 
 TEST_F(Queue, CapDropsTheLastEntryOfAFullGroup) {
   dwnq_init("q.dat");
-  for (int i = 0; i < 1024; ++i) add({("f" + std::to_string(i)).c_str()}, 7, 5);
+  for (int i = 0; i < 1024; ++i) add({fileName(i).c_str()}, 7, 5);
   const std::string before = kt::readFile("q.dat");
   add({"late"}, 7, 5);  // would be last itself: dropped, the file rewritten as it was
   EXPECT_TRUE(groups[7].fileCnt == 1024 && kt::readFile("q.dat") == before);
@@ -140,8 +147,8 @@ TEST_F(Queue, LoadingSkipsMalformedRecordsAndKeepsRecordsNotYetRead) {
   // them is still loaded, and the file is rewritten once, to match the queue.
   dwnq_close();
   std::string file;
-  for (int i = 0; i <= 1024; ++i) file += kt::queueRecord("f" + std::to_string(i), 0);
-  for (int i = 0; i <= 1024; ++i) kt::writeFile("f" + std::to_string(i), "");
+  for (int i = 0; i <= 1024; ++i) file += kt::queueRecord(fileName(i), 0);
+  for (int i = 0; i <= 1024; ++i) kt::writeFile(fileName(i), "");
   kt::writeFile("q.dat",
                 file + kt::queueRecord("f0", 0, 0, 2) + kt::queueRecord("a", 1) + kt::queueRecord("a", 1).substr(0, 5));
   dwnq_init("q.dat");  // the last record is cut short: loading stops there

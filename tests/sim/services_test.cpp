@@ -26,17 +26,11 @@ using Bytes = std::vector<uint8_t>;
 using Blocks = std::vector<int>;
 
 Bytes request(uint8_t cmd, const std::string &name, Bytes ack = {}) {
-  Bytes d = kt::request(cmd, 0, name);
-  d.insert(d.end(), ack.begin(), ack.end());
-  return d;
+  return kt::withTail(kt::request(cmd, 0, name), ack, false);
 }
 
 // An acknowledgement with base 0 whose first bytes are `bits` (one bit per block, MSB first).
-Bytes ack(const Bytes &bits, uint8_t code = KESTIL_VECACK) {
-  Bytes d = {code, 0, 0, 0, 0};
-  d.insert(d.end(), bits.begin(), bits.end());
-  return d;
-}
+Bytes ack(const Bytes &bits, uint8_t code = KESTIL_VECACK) { return kt::withTail({code, 0, 0, 0, 0}, bits, false); }
 
 class SimServices : public ::testing::Test {
  protected:
