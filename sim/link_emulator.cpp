@@ -1,5 +1,6 @@
 // One direction of the emulated link: a serialising wire at the configured rate, a fixed
-// one-way delay, seeded independent loss, duplication and hold-back, and the pass schedule.
+// one-way delay, seeded independent loss, duplication, corruption and hold-back, and the pass
+// schedule.
 #include "sim/link_emulator.hpp"
 
 #include <algorithm>
@@ -37,6 +38,7 @@ void enqueue(LinkDirection *dir, int64_t dueUs, const uint8_t *bytes, int len, c
 void linkInit(LinkDirection *dir, const LinkConfig &cfg, uint64_t salt, int64_t startUs) {
   dir->cfg = cfg;
   dir->rng = cfg.seed ^ (salt * 0xD6E8FEB86659FD93ull);
+  dir->corruptRng = ~cfg.seed ^ (salt * 0xA0761D6478BD642Full);
   dir->startUs = cfg.passStartUs != 0 ? cfg.passStartUs : startUs;
   dir->wireFreeUs = startUs;
   dir->seq = 0;
@@ -58,6 +60,8 @@ LinkFate linkSubmit(LinkDirection *dir, int64_t nowUs, const uint8_t *bytes, int
   double lossDraw = nextUniform(&dir->rng);
   double dupDraw = nextUniform(&dir->rng);
   double reorderDraw = nextUniform(&dir->rng);
+  double corruptDraw = nextUniform(&dir->corruptRng);
+  uint64_t bitDraw = nextRandom(&dir->corruptRng);
 
   const LinkConfig &cfg = dir->cfg;
   int64_t wireStart = std::max(nowUs, dir->wireFreeUs);
@@ -79,12 +83,20 @@ LinkFate linkSubmit(LinkDirection *dir, int64_t nowUs, const uint8_t *bytes, int
     arrival += static_cast<int64_t>(cfg.delayMs) * 1000 + LINK_REORDER_HOLD_US;
     fate = LinkFate::HeldBack;
   }
+  // One bit of the datagram flipped, the same in both copies of a duplicate.
+  std::vector<uint8_t> flipped;
+  if (corruptDraw < cfg.corrupt && len > 0) {
+    uint64_t bit = bitDraw % (static_cast<uint64_t>(len) * 8);
+    flipped.assign(bytes, bytes + len);
+    flipped[bit / 8] ^= static_cast<uint8_t>(0x80 >> (bit % 8));
+    bytes = flipped.data();
+  }
   enqueue(dir, arrival, bytes, len, peer);
   if (dupDraw < cfg.dup) {
     enqueue(dir, arrival + LINK_DUP_GAP_US, bytes, len, peer);
     fate = LinkFate::Duplicated;
   }
-  return fate;
+  return flipped.empty() ? fate : LinkFate::Corrupted;
 }
 
 int64_t linkNextDue(const LinkDirection *dir) { return dir->queue.empty() ? -1 : dir->queue.front().dueUs; }
@@ -106,6 +118,7 @@ const char *linkFateName(LinkFate fate) {
     case LinkFate::Delivered: return "ok";
     case LinkFate::Duplicated: return "dup";
     case LinkFate::HeldBack: return "late";
+    case LinkFate::Corrupted: return "corrupt";
     case LinkFate::LostRandom: return "DROPPED(loss)";
     case LinkFate::LostPass: return "DROPPED(pass)";
     case LinkFate::LostQueue: return "DROPPED(queue)";

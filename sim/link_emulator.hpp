@@ -1,6 +1,6 @@
 // The emulated link: every datagram the simulator sends or receives passes through one
-// direction of it, which may pace it to a bit rate, delay, drop, duplicate or hold it back,
-// and drops everything while the pass schedule has the spacecraft out of view.
+// direction of it, which may pace it to a bit rate, delay, drop, duplicate, corrupt or hold it
+// back, and drops everything while the pass schedule has the spacecraft out of view.
 // Deterministic under its seed; time is passed in, never read here.
 #pragma once
 
@@ -15,6 +15,7 @@ struct LinkConfig {
   double loss = 0.0;       // independent loss probability
   double dup = 0.0;        // duplication probability
   double reorder = 0.0;    // probability that a datagram is held back behind later ones
+  double corrupt = 0.0;    // probability that a datagram arrives with one bit flipped
   uint32_t passUpS = 0;    // pass schedule: up this long, then down passDownS, repeating
   uint32_t passDownS = 0;  // 0: always up
   uint64_t seed = 1;
@@ -33,6 +34,7 @@ enum class LinkFate : uint8_t {
   Delivered,
   Duplicated,  // delivered twice
   HeldBack,    // delivered late, behind datagrams sent after it
+  Corrupted,   // delivered with one bit flipped (duplicated or held back as well, maybe)
   LostRandom,  // independent loss
   LostPass,    // sent while the link was down
   LostQueue,   // the rate-limited queue was full
@@ -49,8 +51,9 @@ struct LinkDatagram {
 struct LinkDirection {
   LinkConfig cfg;
   uint64_t rng = 0;
-  int64_t startUs = 0;     // origin of the pass schedule
-  int64_t wireFreeUs = 0;  // when the wire finishes the datagram in transmission
+  uint64_t corruptRng = 0;  // a draw of its own, so corruption leaves the other draws as they were
+  int64_t startUs = 0;      // origin of the pass schedule
+  int64_t wireFreeUs = 0;   // when the wire finishes the datagram in transmission
   uint64_t seq = 0;
   std::vector<LinkDatagram> queue;  // a min-heap on (dueUs, seq)
 };

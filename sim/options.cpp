@@ -11,6 +11,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "sim/path_confine.hpp"
+
 namespace {
 
 bool parseUnsigned(const char *text, uint64_t max, uint64_t *out) {
@@ -98,6 +100,14 @@ const char *storeFraction(const char *value, double *field) {
   return parseFraction(value, field) ? nullptr : "a fraction from 0 to 1, 0.1 = 10%";
 }
 
+// A file named as a get names it, under the root; kept in the form the request's path takes.
+const char *storeServedPath(const char *value, std::set<std::string> *paths) {
+  std::string rel;
+  if (normaliseRemotePath(value, &rel) != PathVerdict::Inside || rel == ".") return "a file's path under the root";
+  paths->insert(rel);
+  return nullptr;
+}
+
 constexpr const char *PORT_EXPECTED = "a port from 1 to 65535";
 
 const SimOptionRow OPTION_ROWS[] = {
@@ -125,6 +135,8 @@ const SimOptionRow OPTION_ROWS[] = {
      [](const char *v, SimOptions *o) { return storeFraction(v, &o->link.dup); }},
     {"--reorder", "P", "link: share of datagrams held back behind the next",
      [](const char *v, SimOptions *o) { return storeFraction(v, &o->link.reorder); }},
+    {"--corrupt", "P", "link: share of datagrams delivered with one bit flipped",
+     [](const char *v, SimOptions *o) { return storeFraction(v, &o->link.corrupt); }},
     {"--pass", "UP_S:DOWN_S", "link: up for UP_S seconds, then down for DOWN_S, over and over",
      [](const char *v, SimOptions *o) -> const char * {
        return parsePass(v, &o->link.passUpS, &o->link.passDownS) ? nullptr : "UP_S:DOWN_S with UP_S above 0";
@@ -133,7 +145,7 @@ const SimOptionRow OPTION_ROWS[] = {
      [](const char *v, SimOptions *o) {
        return storeUnsigned<INT64_MAX / 1000000>(v, 1, &o->passStartUnixS, "seconds since the epoch");
      }},
-    {"--seed", "N", "link: seed of the loss, duplication and reordering draws",
+    {"--seed", "N", "link: seed of the loss, duplication, corruption and reordering draws",
      [](const char *v, SimOptions *o) {
        return storeUnsigned<UINT64_MAX>(v, 0, &o->link.seed, "a non-negative integer");
      }},
@@ -153,6 +165,12 @@ const SimOptionRow OPTION_ROWS[] = {
      }},
     {"--ack-blocks", "N", "uploads: or after this many new blocks (default 64)",
      [](const char *v, SimOptions *o) { return storeUnsigned<1024>(v, 1, &o->ackBlocks, "blocks, 1 to 1024"); }},
+    {"--fail-get", "NAME", "fault: a get of NAME is answered with an error report (cannot open)",
+     [](const char *v, SimOptions *o) { return storeServedPath(v, &o->failGet); }},
+    {"--bad-digest", "NAME", "fault: the metadata of NAME carries a wrong MD5 digest",
+     [](const char *v, SimOptions *o) { return storeServedPath(v, &o->badDigest); }},
+    {"--change", "NAME", "fault: NAME changes once digested; the blocks served differ from it",
+     [](const char *v, SimOptions *o) { return storeServedPath(v, &o->changing); }},
     {"--pcap", "FILE", "write every datagram to a capture file",
      [](const char *v, SimOptions *o) { return storeText(v, &o->pcapPath, "a file name"); }},
     {"-v", nullptr, "the protocol trace on standard output (also --verbose)",

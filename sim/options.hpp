@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 
 #include <cstdint>
+#include <set>
 #include <string>
 
 #include "sim/link_emulator.hpp"
@@ -27,6 +28,11 @@ struct SimOptions {
   bool relay = false;            // relay mode: no services, only the emulated link
   sockaddr_in relayListen{};
   sockaddr_in relayUpstream{};
+  // Faults of named files, for rehearsing a bad pass; each a set of paths under the root,
+  // normalised as a request's path is.
+  std::set<std::string> failGet;    // --fail-get: a get is answered with an error report
+  std::set<std::string> badDigest;  // --bad-digest: the metadata carries a wrong MD5 digest
+  std::set<std::string> changing;   // --change: the blocks served differ from the bytes digested
 };
 
 enum class ParseOutcome : uint8_t { Run, Help, Version, Error };

@@ -152,7 +152,12 @@ void earnCredit(SendSession *s, int64_t now) {
 
 // Block `blk` into `buf`: its length, or the negative result of a failed read.
 int buildBlock(const SendSession *s, uint32_t blk, uint8_t *buf) {
-  if (blk != 0) return tx_build(&s->tx, blk, buf);
+  if (blk != 0) {
+    int len = tx_build(&s->tx, blk, buf);
+    // A file rewritten after its digest was taken: the last byte of each block, always data, differs.
+    if (s->changedAfterDigest && len > 0) buf[len - 1] ^= 0xFF;
+    return len;
+  }
   std::memcpy(buf, s->meta, sizeof s->meta);
   return static_cast<int>(sizeof s->meta);
 }
@@ -351,6 +356,28 @@ int openRequestedFile(TransferService *svc, const sockaddr_in &peer, const KESTI
   return fd;
 }
 
+// --fail-get: the get of `rel` is answered with an error report, as a file that cannot be
+// read would be; true when it is.
+bool failedOnRequest(TransferService *svc, const sockaddr_in &peer, const std::string &rel, int64_t now) {
+  if (svc->opts->failGet.count(rel) == 0) return false;
+  traceNote(*svc->trace, now, "get '%s': answered with an error report (--fail-get)", rel.c_str());
+  sendErrorReport(svc, now, peer, SimErrorReason::CannotOpen, EIO, KESTIL_GET);
+  return true;
+}
+
+// --bad-digest: the metadata carries a wrong digest; --change: the blocks differ from the
+// bytes the metadata digested.
+void spoilTransfer(SendSession *s, const std::string &rel, int64_t now) {
+  const SimOptions &o = *s->svc->opts;
+  if (o.badDigest.count(rel) != 0) {
+    for (int i = KESTIL_METADATA_LEN - 16; i < KESTIL_METADATA_LEN; ++i) s->meta[i] ^= 0xFF;
+    traceNote(*s->svc->trace, now, "get '%s': metadata with a wrong digest (--bad-digest)", rel.c_str());
+  }
+  s->changedAfterDigest = o.changing.count(rel) != 0;
+  if (s->changedAfterDigest)
+    traceNote(*s->svc->trace, now, "get '%s': blocks differ from the digest (--change)", rel.c_str());
+}
+
 void collectReported(void *param, uint8_t, uint8_t group, uint8_t, uint32_t, const char *filename) {
   static_cast<std::vector<ReportedEntry> *>(param)->push_back({filename, group});
 }
@@ -372,7 +399,12 @@ std::unique_ptr<SendSession> sendStartGet(TransferService *svc, const sockaddr_i
   std::string rel;
   int fd = openRequestedFile(svc, peer, req, now, &rel);
   if (fd < 0) return nullptr;
+  if (failedOnRequest(svc, peer, rel, now)) {
+    close(fd);
+    return nullptr;
+  }
   auto s = startSending(svc, peer, fd, req.blocksize, now);
+  spoilTransfer(s.get(), rel, now);
   if (ack != nullptr) {
     rx_func(&s->tx, ack, ackLen);
     // What the request reports is where the first pass starts from, not news that would

@@ -66,6 +66,7 @@ struct SendSession {
   uint64_t pumpTimer = 0;
   bool removeOnConfirm = false;  // a report whose entries leave the queue once confirmed
   std::vector<ReportedEntry> reported;
+  bool changedAfterDigest = false;  // --change: every block differs from the bytes digested
 
   SendSession() = default;
   SendSession(const SendSession &) = delete;
