@@ -1,6 +1,8 @@
-// The get command against a scripted file service: clean and lossy downloads, the requests'
-// bytes, the closing acknowledgements, and the ends by digest mismatch, error report and silence.
-// (An interrupted get: the interrupt checks against kestil-sim.)
+// get and resume against a scripted file service, for what only a peer that scripts every
+// byte sees: the requests' bytes, the closing acknowledgements, malformed and foreign
+// datagrams, a replaced digest, error reports of either length, silence, and the state record
+// shared by two gets or resumed. (Plain, lossy, faulty and resumed downloads end to end, and
+// the files each end leaves: against kestil-sim; an interrupted get: the interrupt checks.)
 #include <gtest/gtest.h>
 
 #include <string>
@@ -15,11 +17,12 @@ const std::vector<uint8_t> META = kt::metadataDatagram(CONTENT.size(), MD5);
 // Blocks 0-30 held: the window stops at 24, whose byte has blocks 24-30 (1111 1110).
 const std::vector<uint8_t> COMPLETE_ACK = kt::bytes({9, 0, 0, 0, 24, 0xFE});
 
-kt::Result ending(int status, const std::string &verdict) {
-  return {status,
-          "File is 4230 bytes!\nMD5 time!\nclient done\n" + verdict +
-              "\nElapsed time: T A\nWaiting for satellite to stop spamming...\n",
-          ""};
+// What a get shows from its metadata on (a resume: from its digest on).
+kt::Result ending(int status, const std::string &verdict, const std::string &head = "File is 4230 bytes!\n") {
+  return {
+      status,
+      head + "MD5 time!\nclient done\n" + verdict + "\nElapsed time: T A\nWaiting for satellite to stop spamming...\n",
+      ""};
 }
 
 TEST(GetDownload, CleanDownloadIgnoresMalformedAndRepeatedDatagrams) {
@@ -38,28 +41,12 @@ TEST(GetDownload, CleanDownloadIgnoresMalformedAndRepeatedDatagrams) {
     run.send(kt::blockDatagram(CONTENT, b));
     if (b == 2) run.send(overlong), run.send(kt::blockDatagram(CONTENT, 2)), run.send(META);
   }
-  kt::Served seen = run.serve(CONTENT);
+  kt::Heard seen = run.listen();
   EXPECT_EQ(kt::plainShown(run.finish()), ending(0, "Received file a.bin..."));
   EXPECT_EQ(kt::readFile(run.dir + "/a.bin"), CONTENT);
   EXPECT_FALSE(kt::exists(run.dir + "/.a.bin.kestil_state"));
   EXPECT_TRUE(seen.requests.empty());
   kt::expectClosing(seen.acks, seen.ackMs, COMPLETE_ACK);
-}
-
-TEST(GetDownload, LostMetadataAndBlocksAreRecoveredThroughAcknowledgements) {
-  std::string content = kt::patternBytes(40 * 141 - 17, 2);
-  kt::RemoteRun run("127.0.5.2", "kestil-get", {"-t", "10", "lossy.bin"});
-  kt::Served seen = run.serve(content, {.dropPercent = 25, .seed = 3, .dropMetadata = 1, .blocksOnRepeat = false});
-  EXPECT_EQ(run.finish().status, 0);
-  EXPECT_EQ(kt::readFile(run.dir + "/lossy.bin"), content);
-  ASSERT_FALSE(seen.dropped.empty());
-  // Without the metadata the request goes out again after a second of silence.
-  ASSERT_GE(seen.requests.size(), 2u);
-  EXPECT_EQ(seen.requests[1], kt::request(10, 0, "lossy.bin"));
-  // Of the blocks before the metadata only block 1 was kept: the first acknowledgement asks for the rest.
-  ASSERT_FALSE(seen.acks.empty());
-  for (uint32_t b = 0; b <= 40; ++b)
-    EXPECT_EQ(kt::ackHas(seen.acks[0].data(), seen.acks[0].size(), b), b <= 1 && seen.dropped.count(b) == 0) << b;
 }
 
 // A later metadata datagram with another digest replaces the first; metadata from another
@@ -71,10 +58,8 @@ TEST(GetDownload, ReplacedDigestOrForeignBlockFailsTheChecksum) {
   for (uint32_t b = 1; b < 30; ++b) later.send(kt::blockDatagram(CONTENT, b));
   later.send(kt::metadataDatagram(CONTENT.size(), kt::md5Raw("something else")));
   later.send(kt::blockDatagram(CONTENT, 30));
-  kt::Served seen = later.serve(CONTENT);
+  kt::Heard seen = later.listen();
   EXPECT_EQ(kt::plainShown(later.finish()), ending(12, "Checksum failed on d.bin..."));
-  EXPECT_FALSE(kt::exists(later.dir + "/d.bin"));
-  EXPECT_FALSE(kt::exists(later.dir + "/.d.bin.kestil_state"));
   kt::expectClosing(seen.acks, seen.ackMs, COMPLETE_ACK);
 
   kt::RemoteRun run("127.0.5.7", "kestil-get", {"f.bin"});
@@ -92,37 +77,81 @@ TEST(GetDownload, ReplacedDigestOrForeignBlockFailsTheChecksum) {
   EXPECT_EQ(kt::plainShown(run.finish()), ending(12, "Checksum failed on f.bin..."));
 }
 
-TEST(GetDownload, ErrorReportEndsWithStatus14AndKeepsBothFiles) {
-  const std::pair<std::vector<uint8_t>, std::string> cases[] = {
-      {kt::bytes({15, 0, 0, 0, 1, 0xFF, 0xFF, 0xFF, 0xFE, 0, 0, 0, 3}), "Server returned error code: 1, -2, 3\n"},
-      {kt::bytes({15, 0, 0, 0, 1}), ""},  // another length: the same end, without the line
+// An error report of either length, or silence until the idle limit, ends the get; the
+// state record stays for a resume.
+TEST(GetDownload, ErrorReportOrSilenceEndsItAndKeepsTheRecord) {
+  const struct {
+    const char *ip, *args;
+    std::vector<uint8_t> report;  // none: the remote stays silent
+    kt::Result shown;
+    size_t requests;
+    uint8_t flags;
+  } cases[] = {
+      {"127.0.5.5",
+       "e.bin",
+       kt::bytes({15, 0, 0, 0, 1, 0xFF, 0xFF, 0xFF, 0xFE, 0, 0, 0, 3}),
+       {14, "Server returned error code: 1, -2, 3\n", ""},
+       1,
+       0},
+      {"127.0.5.9", "e.bin", kt::bytes({15, 0, 0, 0, 1}), {14, "", ""}, 1, 0},  // without the line
+      // -t 0: the first idle tick ends it. The size is unknown: one vector byte.
+      {"127.0.5.6", "-t 0 e.bin", {}, {13, "\nWaiting for satellite to stop spamming...\n", ""}, 1, 0},
+      // -t 3: six idle ticks; the request goes out at the start and after ticks 2 and 4.
+      {"127.0.5.8", "-t 3 -L e.bin", {}, {13, "\nWaiting for satellite to stop spamming...\n", ""}, 3, 8},
   };
-  for (const auto &[report, out] : cases) {
-    kt::RemoteRun run("127.0.5.5", "kestil-get", {"e.bin"});
-    EXPECT_EQ(run.recv(), kt::request(10, 0, "e.bin"));
-    run.send(report);
-    EXPECT_EQ(run.finish(), (kt::Result{14, out, ""}));
-    EXPECT_TRUE(kt::exists(run.dir + "/e.bin"));
-    EXPECT_EQ(kt::readFile(run.dir + "/.e.bin.kestil_state").size(), 2248u);
+  for (const auto &c : cases) {
+    kt::RemoteRun run(c.ip, "kestil-get", kt::words(c.args));
+    std::vector<uint8_t> first = run.recv();
+    if (!c.report.empty()) run.send(c.report);
+    kt::Heard heard = run.listen();
+    EXPECT_EQ(kt::plainShown(run.finish()), c.shown) << c.args;
+    heard.requests.insert(heard.requests.begin(), first);
+    EXPECT_EQ(heard.requests, std::vector(c.requests, kt::request(10, c.flags, "e.bin"))) << c.args;
+    if (c.report.empty()) kt::expectClosing(heard.finals, heard.finalMs, kt::bytes({14, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(heard.finals.size(), c.report.empty() ? 7u : 0u) << c.args;
+    EXPECT_EQ(kt::readFile(run.dir + "/.e.bin.kestil_state").size(), 2248u) << c.args;
   }
 }
 
-TEST(GetDownload, SilenceEndsAtTheIdleLimitWithSevenClosingAcks) {
-  // -t 0: the first idle tick ends it. The size is unknown: one vector byte.
-  kt::RemoteRun zero("127.0.5.6", "kestil-get", {"-t", "0", "z.bin"});
-  kt::Served s0 = zero.serve("", {.answer = false});
-  EXPECT_EQ(zero.finish(), (kt::Result{13, "\nWaiting for satellite to stop spamming...\n", ""}));
-  EXPECT_EQ(s0.requests.size(), 1u);
-  EXPECT_EQ(s0.finals.size(), 7u);
-  kt::expectClosing(s0.finals, s0.finalMs, kt::bytes({14, 0, 0, 0, 0, 0}));
-  EXPECT_TRUE(kt::exists(zero.dir + "/.z.bin.kestil_state"));
+TEST(GetState, TwoGetsOfOneLocalFileShareTheRecordAndBothFinish) {
+  std::string content = kt::patternBytes(60 * 141 + 5, 12);
+  // Each run is sent half of the blocks and nothing is resent: only a shared record completes.
+  kt::RemoteRun a("127.0.5.12", "kestil-get", {"-t", "3", "s.bin"});
+  kt::Child b;
+  for (uint32_t parity : {1u, 0u}) {
+    if (parity == 0) b = kt::start(a.dir, "kestil-get", {"-h", "127.0.5.12", "-t", "3", "s.bin"});
+    ASSERT_FALSE(a.recv().empty());
+    a.send(kt::metadataDatagram(content.size(), kt::md5Raw(content)));
+    for (uint32_t n = 1; n <= 61; ++n)
+      if (n % 2 == parity) a.send(kt::blockDatagram(content, n));
+  }
+  EXPECT_EQ(a.finish().status, 0);
+  EXPECT_EQ(kt::finish(b, 30000).status, 0);
+  EXPECT_EQ(kt::readFile(a.dir + "/s.bin"), content);
+  EXPECT_FALSE(kt::exists(a.dir + "/.s.bin.kestil_state"));
+}
 
-  // -t 3: six idle ticks; the request goes out at the start and after ticks 2 and 4.
-  kt::RemoteRun three("127.0.5.8", "kestil-get", {"-t", "3", "-L", "r.bin"});
-  kt::Served s3 = three.serve("", {.answer = false});
-  EXPECT_EQ(three.finish().status, 13);
-  EXPECT_EQ(s3.requests, std::vector(3, kt::request(10, 8, "r.bin")));
-  EXPECT_EQ(s3.finals.size(), 7u);
+// A download stopped by its stop length is continued by resume from its record, with the
+// record's remote name and a request that says what is held.
+TEST(GetState, StopLengthEndsIncompleteAndResumeCompletes) {
+  // Ten blocks of 141 bytes reach the stop length of 1410; -z pads the file to the remote size.
+  kt::RemoteRun first("127.0.5.3", "kestil-get", {"-z", "-l", "1410", "-t", "5", "/d/a.bin"});
+  ASSERT_FALSE(first.recv().empty());
+  first.sendFile(CONTENT);
+  kt::Heard s1 = first.listen();
+  EXPECT_EQ(kt::plainShown(first.finish()),
+            (kt::Result{13, "File is 4230 bytes!\n\nWaiting for satellite to stop spamming...\n", ""}));
+  // Blocks 0-10 held: base 8, then 1110 0000 and the two bytes up to block 24's.
+  std::vector<uint8_t> held = kt::bytes({0, 0, 0, 8, 0xE0, 0, 0}), request = kt::request(10, 0, "/d/a.bin");
+  EXPECT_EQ(s1.finals, std::vector(7, kt::withTail({14}, held, false)));
+  EXPECT_EQ(kt::readFile(first.dir + "/a.bin").size(), CONTENT.size());
+
+  kt::Child second = kt::start(first.dir, "kestil-resume", {"-t", "5", "a.bin"});
+  EXPECT_EQ(first.recv(), kt::withTail(kt::withTail(request, kt::bytes({9}), false), held, false));
+  first.sendFile(CONTENT);
+  EXPECT_EQ(kt::plainShown(kt::finish(second, 30000)), ending(0, "Received file a.bin...", ""));
+  EXPECT_EQ(kt::readFile(first.dir + "/a.bin"), CONTENT);
+  EXPECT_FALSE(kt::exists(first.dir + "/.a.bin.kestil_state"));
 }
 
 }  // namespace

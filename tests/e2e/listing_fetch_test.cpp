@@ -25,9 +25,10 @@ TEST(ListingFetch, ListingAndReportAreRequestedReceivedKeptAndPrinted) {
   std::string listing =
       kt::zlibOf(kt::rawRecord("/data/img/a.jpg", 1234, 0, 0, 0) + kt::rawRecord("/data/img/old", 0, 0, 0, 0x80));
   kt::RemoteRun ls("127.0.5.20", "kestil-ls", {"-o", "-a-r", "/data/img"});
-  kt::Served seen = ls.serve(listing);
+  EXPECT_EQ(ls.recv(), kt::request(2, 3, "/data/img"));
+  ls.sendFile(listing);
+  kt::Heard seen = ls.listen();
   kt::Result r = ls.finish();
-  EXPECT_EQ(seen.requests, Datagrams{kt::request(2, 3, "/data/img")});
   std::string kept = keptAs(ls.dir, "dirlisting.");
   EXPECT_EQ(kt::readFile(ls.dir + "/" + kept), listing);
   EXPECT_TRUE(kt::namesStartingWith(ls.dir, ".dir_listing").empty());
@@ -40,14 +41,14 @@ TEST(ListingFetch, ListingAndReportAreRequestedReceivedKeptAndPrinted) {
   // One confirmation of the complete vector, after any periodic ones; never a closing form.
   ASSERT_FALSE(seen.acks.empty());
   EXPECT_EQ(seen.acks.back(), kt::bytes({9, 0, 0, 0, 0, 0xC0}));
-  EXPECT_TRUE(seen.finals.empty());
+  EXPECT_TRUE(seen.finals.empty() && seen.requests.empty());
 
   std::string report = kt::zlibOf(kt::rawRecord("/q/one", 77, 3, 1, 0) + kt::rawRecord("/q/two", 5, 3, 2, 0));
   kt::RemoteRun rep("127.0.5.30", "kestil-report", {"-r", "3", "10", "4"});
-  seen = rep.serve(report);
+  EXPECT_EQ(rep.recv(), kt::bytes({11, 1, 0, 0x8D, 0, 0, 0, 1, 1, 3, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 10}));
+  rep.sendFile(report);
+  seen = rep.listen();
   r = rep.finish();
-  EXPECT_EQ(seen.requests,
-            Datagrams{kt::bytes({11, 1, 0, 0x8D, 0, 0, 0, 1, 1, 3, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 10})});
   kept = keptAs(rep.dir, "qreport.");
   EXPECT_EQ(kt::readFile(rep.dir + "/" + kept), report);
   EXPECT_TRUE(kt::namesStartingWith(rep.dir, ".q_report").empty());
@@ -66,7 +67,7 @@ TEST(ListingFetch, ListingAndReportAreRequestedReceivedKeptAndPrinted) {
 // statistics line has no average. A report takes at most twenty limits.
 TEST(ListingFetch, TimedOutFetchesRemoveTheListingAndKeepTheirState) {
   kt::RemoteRun ls("127.0.5.21", "kestil-ls", {"-t", "1", "-o", "x", "/d"});
-  kt::Served seen = ls.serve("", {.answer = false});
+  kt::Heard seen = ls.listen();
   kt::Result r = ls.finish();
   EXPECT_EQ(seen.requests, Datagrams{kt::request(2, 0, "/d")});  // the unknown letter adds no flag
   std::string name = keptAs(ls.dir, ".dir_listing.kestil_state.dirlisting.", ".dir_listing.kestil_state.");
@@ -78,7 +79,7 @@ TEST(ListingFetch, TimedOutFetchesRemoveTheListingAndKeepTheirState) {
   std::vector<std::string> args{"-t", "0"};
   for (int g = 1; g <= 21; ++g) args.insert(args.end(), {std::to_string(g), std::to_string(100 + g)});
   kt::RemoteRun rep("127.0.5.32", "kestil-report", args);
-  seen = rep.serve("", {.answer = false});
+  seen = rep.listen();
   r = rep.finish();
   ASSERT_EQ(seen.requests.size(), 1u);
   ASSERT_EQ(seen.requests[0].size(), 189u);

@@ -1,5 +1,5 @@
 // Every command against kestil-sim, one scenario each: get and resume across a pass gap with
-// progress on the way, error reports, put, rm, ls with each flag and lsread of what it saved,
+// progress on the way, each end of a get (the fault options among them), put, rm, ls with each flag and lsread of what it saved,
 // the queue through the file manager and report, a relay, and get and put through a lossy
 // link; and what the simulator says when it cannot start. Every file is checked with MD5.
 #include <fcntl.h>
@@ -18,6 +18,9 @@ TEST(SimStartup, BadOptionsPortsInUseAndUnservableRootsAreNamedAndSigintStopsIt)
   ASSERT_TRUE(squatter.bind("127.0.7.61", 3224));
   const std::tuple<std::string, int, std::string> cases[] = {
       {"--loss 10", 2, "kestil-sim: bad value for --loss: '10' (a fraction from 0 to 1, 0.1 = 10%)\nusage: "},
+      {"--corrupt 1.5", 2, "kestil-sim: bad value for --corrupt: '1.5' (a fraction from 0 to 1, 0.1 = 10%)\n"},
+      {"--fail-get ../x", 2, "kestil-sim: bad value for --fail-get: '../x' (a file's path under the root)\n"},
+      {"--change /etc/x", 2, "kestil-sim: bad value for --change: '/etc/x' (a file's path under the root)\n"},
       {"--addr 127.0.7.61", 1, "kestil-sim: cannot bind the file manager to 127.0.7.61:3224: Address already in use\n"},
       {"--root no-such-dir --addr 127.0.7.62", 1, "kestil-sim: cannot serve no-such-dir: No such file or directory\n"},
   };
@@ -59,20 +62,51 @@ TEST(SimGet, PassGapEndsTheGetAndResumeCompletesItWhileProgressShowsTheRecord) {
   EXPECT_TRUE(has(sim.trace(), "transfer of 'data/pass.bin' ends: complete"));
 }
 
-TEST(SimGet, MissingAndRefusedFilesGetErrorReports) {
-  simt::Served sim("127.0.7.3");
-  ASSERT_TRUE(sim.ready) << sim.err;
-  ASSERT_TRUE(kt::writeFile(sim.dir + "/outside.bin", "secret") && kt::writeFile(sim.root + "/data/f", ""));
-  // Reason (1 cannot open, 2 path refused, 4 not a file), errno, and the get's code 10.
-  const std::pair<const char *, const char *> cases[] = {{"data/none.bin", "1, 2, 10"},
-                                                         {"../outside.bin", "2, 13, 10"},
-                                                         {"/etc/hostname", "2, 13, 10"},
-                                                         {"data/../../outside.bin", "2, 13, 10"},
-                                                         {"data", "4, 21, 10"}};
-  for (auto [path, codes] : cases)
-    EXPECT_EQ(sim.run(sim.dir, "kestil-get", {"-t", "5", "-o", "x", path}),
-              (kt::Result{14, std::string("Server returned error code: ") + codes + "\n", ""}))
-        << path;
+// Each way a get ends, as the operator sees it: a plain download; the faults an operator can
+// ask for (files named as a get names them, and a link that flips bits), which the digest of
+// the whole file must catch; and error reports, with the local file and its record kept.
+TEST(SimGet, EachEndHasItsStatusMessageAndFilesLeft) {
+  simt::Served sim("127.0.7.3", kt::words("--fail-get d/fail --bad-digest ./d/bad --change d/x/../changing"));
+  simt::Served noisy("127.0.7.4", kt::words("--corrupt 0.05 --seed 3 -v"));  // block 23 of the first pass
+  ASSERT_TRUE(sim.ready && noisy.ready) << sim.err << noisy.err;
+  const std::string content = kt::patternBytes(4230, 4);  // 30 blocks
+  for (const std::string &root : {sim.root, noisy.root})
+    for (const char *name : {"a", "fail", "bad", "changing"}) ASSERT_TRUE(kt::writeFile(root + "/d/" + name, content));
+  ASSERT_TRUE(kt::writeFile(sim.dir + "/outside.bin", "secret"));
+  auto ending = [](const char *verdict) {
+    return std::string("File is 4230 bytes!\nMD5 time!\nclient done\n") + verdict +
+           "\nElapsed time: T A\nWaiting for satellite to stop spamming...\n";
+  };
+  const std::vector<std::string> nothing, kept{".x.kestil_state", "x"};
+  const struct {
+    const simt::Served *sim;
+    const char *path;
+    int status;
+    std::string out;
+    std::vector<std::string> left;
+  } cases[] = {
+      {&sim, "d/a", 0, ending("Received file x..."), {"x"}},
+      {&sim, "d/bad", 12, ending("Checksum failed on x..."), nothing},
+      {&sim, "d/changing", 12, ending("Checksum failed on x..."), nothing},
+      {&noisy, "d/a", 12, ending("Checksum failed on x..."), nothing},
+      // Reason (1 cannot open, 2 path refused, 4 not a file), errno, and the get's code 10.
+      {&sim, "d/fail", 14, "Server returned error code: 1, 5, 10\n", kept},
+      {&sim, "d/none", 14, "Server returned error code: 1, 2, 10\n", kept},
+      {&sim, "../outside.bin", 14, "Server returned error code: 2, 13, 10\n", kept},
+      {&sim, "/etc/hostname", 14, "Server returned error code: 2, 13, 10\n", kept},
+      {&sim, "d/../../outside.bin", 14, "Server returned error code: 2, 13, 10\n", kept},
+      {&sim, "d", 14, "Server returned error code: 4, 21, 10\n", kept},
+  };
+  for (const auto &c : cases) {
+    const std::string work = kt::makeTempDir();
+    EXPECT_EQ(kt::plainShown(c.sim->run(work, "kestil-get", {"-t", "5", "-o", "x", c.path})),
+              (kt::Result{c.status, c.out, ""}))
+        << c.path;
+    EXPECT_EQ(kt::namesStartingWith(work, ""), c.left) << c.path;
+    EXPECT_EQ(kt::readFile(work + "/x"), c.status == 0 ? content : "") << c.path;
+    EXPECT_EQ(kt::readFile(work + "/.x.kestil_state").size(), c.status == 14 ? 2248u : 0u) << c.path;
+  }
+  EXPECT_TRUE(has(noisy.trace(), " corrupt\n"));
 }
 
 TEST(SimPut, StoresTheFileWithItsTimeAndRefusesTargetsItMustNotWrite) {

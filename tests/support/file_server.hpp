@@ -1,6 +1,6 @@
-// A scripted remote file service for end-to-end tests of the receive sessions: it answers a
-// running client's requests with metadata and blocks, resends what acknowledgements report
-// missing, and records what the client sent.
+// A scripted remote file service for end-to-end tests: datagrams built as the remote side
+// builds them, and runs of a command against a peer that answers as each test scripts it and
+// records what the client sent, byte for byte.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,8 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
-#include <regex>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -60,26 +58,11 @@ inline std::vector<uint8_t> blockDatagram(const std::string &content, uint32_t n
   return d;
 }
 
-// Whether an acknowledgement (code 9 or 14 at `ack`) reports block b received.
-inline bool ackHas(const uint8_t *ack, size_t len, uint32_t b) {
-  if (len < 5) return false;
-  uint32_t base = static_cast<uint32_t>(ack[1]) << 24 | ack[2] << 16 | ack[3] << 8 | ack[4];
-  size_t byte = (b - base) / 8;
-  return b < base || (5 + byte < len && (ack[5 + byte] & (0x80 >> (b % 8))) != 0);
-}
-
-struct ServeOptions {
-  bool answer = true;   // false: a remote that never answers
-  int dropPercent = 0;  // blocks lost on their first sending (seeded)
-  uint32_t seed = 1;
-  int dropMetadata = 0;        // metadata datagrams lost before one gets through
-  bool blocksOnRepeat = true;  // false: a repeated request gets the metadata only
-};
-
-struct Served {
-  std::vector<std::vector<uint8_t>> requests, acks, finals;  // codes 10/2/11, 9, 14
-  std::vector<long long> ackMs, finalMs;                     // when each arrived
-  std::set<uint32_t> dropped;
+// What a client sent until it ended: requests (codes 10, 2, 11), acknowledgements (9) and
+// their closing form (14), with the times the acknowledgements came.
+struct Heard {
+  std::vector<std::vector<uint8_t>> requests, acks, finals;
+  std::vector<long long> ackMs, finalMs;
 };
 
 // The last seven of `acks` are `expected`, 300 ms apart: the closing round.
@@ -88,48 +71,6 @@ inline void expectClosing(const std::vector<std::vector<uint8_t>> &acks, const s
   ASSERT_GE(acks.size(), 7u);
   for (size_t i = acks.size() - 7; i < acks.size(); ++i) EXPECT_EQ(acks[i], expected) << i;
   EXPECT_GE(ms.back() - ms[ms.size() - 7], 1700);
-}
-
-// Serves `content` to whichever client writes, until `client` has ended (at most 30 s).
-inline Served serveFile(UdpPeer &peer, pid_t client, const std::string &content, const ServeOptions &o = {}) {
-  Served seen;
-  uint32_t lastBlk = static_cast<uint32_t>((content.size() + SERVE_BLOCK - 1) / SERVE_BLOCK) + 1;
-  uint32_t rng = o.seed * 2654435761u + 7;
-  std::set<uint32_t> sent;
-  int metaToDrop = o.dropMetadata;
-  sockaddr_in from{};
-  auto answer = [&](const uint8_t *ack, size_t len, bool blocks) {
-    if ((ack == nullptr || !ackHas(ack, len, 0)) && metaToDrop-- <= 0)
-      peer.send(metadataDatagram(content.size(), md5Raw(content)), from);
-    for (uint32_t b = 1; blocks && b < lastBlk; ++b) {
-      if (ack != nullptr && ackHas(ack, len, b)) continue;
-      rng ^= rng << 13, rng ^= rng >> 17, rng ^= rng << 5;
-      if (sent.insert(b).second && static_cast<int>(rng % 100) < o.dropPercent)
-        seen.dropped.insert(b);
-      else
-        peer.send(blockDatagram(content, b), from);
-    }
-  };
-  uint8_t buf[2048];
-  for (long long deadline = nowMs() + 30000; nowMs() < deadline;) {
-    int n = peer.recv(buf, sizeof buf, &from, 50);
-    if (n <= 0 && childEnded(client)) break;
-    if (n <= 0) continue;
-    std::vector<uint8_t> d(buf, buf + n);
-    if (d[0] == 9) seen.acks.push_back(d), seen.ackMs.push_back(nowMs());
-    if (d[0] == 14) seen.finals.push_back(d), seen.finalMs.push_back(nowMs());
-    if (d[0] == 10 || d[0] == 2 || d[0] == 11) seen.requests.push_back(d);
-    if (!o.answer || d[0] == 14) continue;
-    if (d[0] == 9) {
-      answer(buf, n, true);
-      continue;
-    }
-    // A request's piggy-backed acknowledgement follows its name (a report request: its limits).
-    size_t at = d[0] == 11 ? 9 + 9 * static_cast<size_t>(d[8]) : 8;
-    while (d[0] != 11 && at < d.size() && d[at++] != 0) {}
-    answer(at + 5 <= d.size() ? buf + at : nullptr, n - at, seen.requests.size() == 1 || o.blocksOnRepeat);
-  }
-  return seen;
 }
 
 // One run of a kestil command against a scripted remote on `ip`:3223, in its own directory
@@ -154,20 +95,25 @@ struct RemoteRun {
   }
   std::vector<uint8_t> recv(int timeoutMs = 5000) { return peer.recv(&client, timeoutMs); }
   void send(const std::vector<uint8_t> &d) { peer.send(d, client); }
-  Served serve(const std::string &content, const ServeOptions &o = {}) {
-    return serveFile(peer, child.pid, content, o);
+  // Answers the request with `content` whole, its metadata first.
+  void sendFile(const std::string &content) {
+    send(metadataDatagram(content.size(), md5Raw(content)));
+    for (uint32_t b = 1; b <= (content.size() + SERVE_BLOCK - 1) / SERVE_BLOCK; ++b) send(blockDatagram(content, b));
+  }
+  // What the client sends until it ends (at most 30 s).
+  Heard listen() {
+    Heard h;
+    for (long long deadline = nowMs() + 30000; nowMs() < deadline;) {
+      std::vector<uint8_t> d = peer.recv(&client, 50);
+      if (d.empty() && childEnded(child.pid)) break;
+      if (d.empty()) continue;
+      if (d[0] == 9) h.acks.push_back(d), h.ackMs.push_back(nowMs());
+      if (d[0] == 14) h.finals.push_back(d), h.finalMs.push_back(nowMs());
+      if (d[0] == 10 || d[0] == 2 || d[0] == 11) h.requests.push_back(d);
+    }
+    return h;
   }
   Result finish() { return kt::finish(child, 30000); }
 };
-
-// A run as the operator sees it, standard output without progress redraws and block traces,
-// its times as T and average as A.
-inline Result plainShown(const Result &r) {
-  static const std::regex noise("\r\\[[^\\]]{50}\\]|   block \\d+, ");
-  static const std::regex elapsed("Elapsed time: \\d\\d:\\d\\d:\\d\\d\\.\\d{6}");
-  static const std::regex avg("      Avg Bps: \\d+\\.\\d\\d");
-  std::string s = std::regex_replace(r.out, noise, "");
-  return {r.status, std::regex_replace(std::regex_replace(s, elapsed, "Elapsed time: T"), avg, " A"), r.err};
-}
 
 }  // namespace kt

@@ -82,7 +82,7 @@ struct Served : Sim {
     ready = start(dir, args);
   }
   bool restart() { return stop() == 0 && start(dir, args); }
-  kt::Result run(const std::string &cwd, const std::string &command, std::vector<std::string> a, int ms = 30000) {
+  kt::Result run(const std::string &cwd, const std::string &command, std::vector<std::string> a, int ms = 30000) const {
     a.insert(a.begin(), {"-h", addr});
     return kt::run(cwd, command, a, ms);
   }

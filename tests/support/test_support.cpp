@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 #ifndef KESTIL_BIN
@@ -23,6 +24,14 @@
 #endif
 
 namespace kt {
+
+Result plainShown(const Result &r) {
+  static const std::regex noise("\r\\[[^\\]]{50}\\]|   block \\d+, ");
+  static const std::regex elapsed("Elapsed time: \\d\\d:\\d\\d:\\d\\d\\.\\d{6}");
+  static const std::regex avg("      Avg Bps: \\d+\\.\\d\\d");
+  std::string s = std::regex_replace(r.out, noise, "");
+  return {r.status, std::regex_replace(std::regex_replace(s, elapsed, "Elapsed time: T"), avg, " A"), r.err};
+}
 
 long long nowMs() {
   using namespace std::chrono;

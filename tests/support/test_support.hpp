@@ -46,6 +46,10 @@ inline void PrintTo(const Result &r, std::ostream *os) {
   *os << "status " << r.status << ", out \"" << r.out << "\", err \"" << r.err << "\"";
 }
 
+// A run as the operator sees it: standard output without progress redraws and block traces,
+// its times as T and average as A.
+Result plainShown(const Result &r);
+
 // A running kestil process; its stdout and stderr go to files in its working directory.
 struct Child {
   pid_t pid = -1;
