@@ -1,7 +1,8 @@
 // Every command against kestil-sim, one scenario each: get and resume across a pass gap with
-// progress on the way, each end of a get (the fault options among them), put, rm, ls with each flag and lsread of what it saved,
-// the queue through the file manager and report, a relay, and get and put through a lossy
-// link; and what the simulator says when it cannot start. Every file is checked with MD5.
+// progress on the way, each end of a get (the fault options among them), put, rm, ls with
+// each flag and lsread of what it saved, the queue through the file manager and report, a
+// relay, and get and put through a lossy link; and what the simulator says when it cannot
+// start. Every file is checked with MD5.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
