@@ -30,10 +30,8 @@ void checkSizes(const std::string &root) {
 void layOutRoot(const std::string &root) {
   std::filesystem::remove_all(root);
   if (mkdir(root.c_str(), 0755) != 0 || chdir(root.c_str()) != 0 || mkdir("d", 0755) != 0) std::abort();
-  fz::writePattern("a", 100);
-  fz::writePattern("b", 300);
-  fz::writePattern("big", 20000);
-  fz::writePattern("d/c", 141);
+  const std::pair<const char *, size_t> files[] = {{"a", 100}, {"b", 300}, {"big", 20000}, {"d/c", 141}};
+  for (auto [name, size] : files) fz::writePattern(name, size);
 }
 
 // Two clients on loopback (127.0.10.201 and .202) that only take what the services send.
