@@ -95,12 +95,12 @@ class Proc:
         return status, self.out.read().decode(errors="replace")
 
 
-def kill_rounds(opts, rng, run, check_kill, end_round, tries=lambda: None):
+def kill_rounds(opts, rng, run, check_kill, end_round, tries=lambda: sys.maxsize):
     """The crash soak's frame. run(round, attempt, kill_after) starts a run and returns Proc.finish's answer;
     run(0, 0, None) is one whole run, whose time is the span the kill instants are drawn from. Each round is
     a series of runs SIGKILLed at random instants, each kill checked by check_kill(round) (a problem or None),
-    until a run ends by itself or tries() kills (None: no limit) are spent; then end_round(round, status,
-    output) finishes it. Rounds follow one another until opts.kills kills are done."""
+    until a run ends by itself or tries() kills are spent; end_round(round, status, output) finishes it.
+    Rounds follow one another until opts.kills kills are done."""
     started = time.monotonic()
     status, out = run(0, 0, None)
     if status != 0:
@@ -108,13 +108,12 @@ def kill_rounds(opts, rng, run, check_kill, end_round, tries=lambda: None):
     span, kills, rounds = time.monotonic() - started, 0, 0
     while kills < opts.kills:
         rounds += 1
-        limit, attempt = tries(), 0
-        while limit is None or attempt < limit:
+        for attempt in range(tries()):
             kill_after = rng.uniform(0.0, span)
             status, out = run(rounds, attempt, kill_after)
             if status != "killed":
                 break
-            kills, attempt = kills + 1, attempt + 1
+            kills += 1
             problem = check_kill(rounds)
             if problem:
                 fail("round %d, kill %d after %.3f s: %s" % (rounds, kills, kill_after, problem))
