@@ -7,8 +7,7 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <cstdint>
-#include <string>
+#include <tuple>
 #include <vector>
 
 #include "common/wire.hpp"
@@ -20,14 +19,7 @@ namespace {
 constexpr size_t RECORD_MAX = 4128;
 constexpr size_t ALWAYS_DELIVERED = RECORD_MAX / 2;
 
-struct Record {
-  uint8_t flags, group, priority;
-  uint32_t size;
-  std::string name;
-  bool operator==(const Record &) const = default;
-};
-
-std::string listingPath;
+using Record = std::tuple<uint8_t, uint8_t, uint8_t, uint32_t, std::string>;  // flags, group, priority, size, name
 
 void collect(void *param, uint8_t flags, uint8_t group, uint8_t priority, uint32_t size, const char *filename) {
   static_cast<std::vector<Record> *>(param)->push_back(Record{flags, group, priority, size, filename});
@@ -53,12 +45,8 @@ std::vector<Record> plainRecords(const uint8_t *p, size_t len, size_t *sure) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  listingPath = fz::scratchDir("listing") + "/listing";
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  static const std::string listingPath = fz::scratchDir("listing") + "/listing";
   fz::Input in{data, size};
   uint8_t mode = in.byte();
   uLongf packedLen = compressBound(in.len);

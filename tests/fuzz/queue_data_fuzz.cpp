@@ -3,11 +3,7 @@
 // sizes that match the lists, priority order, the group cap, one entry per name and group),
 // and the second load must give back exactly the queue the first one left: the data file
 // always mirrors the queue, also after a load that dropped or moved entries.
-#include <unistd.h>
-
-#include <cstdint>
 #include <set>
-#include <string>
 #include <tuple>
 #include <vector>
 
@@ -16,8 +12,9 @@
 
 namespace {
 
-// Names that exist in the working directory, with sizes 0, 1, 141, 1000; "gone" does not.
+// Files of the working directory and their sizes; "gone" names none.
 const char *const NAMES[] = {"a", "b", "c", "d", "gone"};
+const size_t SIZES[] = {0, 1, 141, 1000};
 
 using Entry = std::tuple<int, std::string, uint8_t, uint8_t, uint32_t>;  // group, name, priority, flags, size
 
@@ -46,14 +43,12 @@ std::vector<Entry> snapshot() {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  if (chdir(fz::scratchDir("queue").c_str()) != 0) std::abort();
-  const size_t sizes[] = {0, 1, 141, 1000};
-  for (size_t i = 0; i < 4; ++i) fz::writeFile(NAMES[i], std::string(sizes[i], 'x').data(), sizes[i]);
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  [[maybe_unused]] static const bool ready = [] {
+    if (chdir(fz::scratchDir("queue").c_str()) != 0) std::abort();
+    for (size_t i = 0; i < 4; ++i) fz::writePattern(NAMES[i], SIZES[i]);
+    return true;
+  }();
   fz::Input in{data, size};
   // Queue changes after the first load: op, group, priority; the name comes from the op byte.
   uint8_t ops[8][3] = {};

@@ -4,14 +4,8 @@
 //   the progress redraw after each, under the download, listing or report rules;
 // - the upload side: a run of datagrams (acknowledgements, refusals, anything) handed to the
 //   upload session of a small file, with a paced burst after each acknowledgement.
-#include <arpa/inet.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <cstdlib>
-#include <string>
 
 #include "client/client.hpp"
 #include "client/progress.hpp"
@@ -28,10 +22,8 @@ constexpr uint8_t OPT_RECORD_FROM_INPUT = 0x02;
 constexpr uint8_t OPT_ZERO_PAD = 0x04;
 constexpr uint8_t OPT_FOREIGN_SENDER = 0x08;  // datagrams from another port than the target's
 
-std::string stateName;
-
 // Never sent to: the sockets here are -1.
-sockaddr_in endpoint(uint16_t port) { return sockaddr_in{AF_INET, htons(port), {htonl(0x7F000901)}, {}}; }
+sockaddr_in endpoint(uint16_t port) { return fz::loopback(0x7F000901, port); }
 
 // What the vector operations must keep whatever arrives: an index inside the ring and a base
 // on a whole byte of it.
@@ -41,6 +33,7 @@ void checkVector(const BlkRxVector *v) {
 }
 
 void download(uint8_t opts, fz::Input in) {
+  static const std::string stateName = fz::scratchDir("rx") + "/.local.kestil_state";
   const ReceivePolicy *policies[] = {&DOWNLOAD_POLICY, &LISTING_POLICY, &REPORT_POLICY};
   sockaddr_in target = endpoint(3223);
   sockaddr_in from = (opts & OPT_FOREIGN_SENDER) ? endpoint(3300) : target;
@@ -52,13 +45,9 @@ void download(uint8_t opts, fz::Input in) {
     in.take(&rec, sizeof rec);
     fz::writeFile(stateName, &rec, sizeof rec);
   }
-  ReceiveSession s{};
+  ReceiveSession s = newSession(*policies[(opts >> 4) % 3], -1, &target, "local", {});
   if (openDownloadState(stateName.c_str(), "remote.bin", &target, &s.state) != StateFailure::None) return;
-  s.policy = policies[(opts >> 4) % 3];
-  s.fd = -1;
-  s.target = &target;
   if ((s.localFd = memfd_create("local", 0)) < 0) std::abort();
-  s.localName = "local";
   s.stateName = stateName.c_str();
   s.rxSet = &static_cast<SavedRXState *>(s.state.addr)->rxSet;
   s.zeroPad = (opts & OPT_ZERO_PAD) ? 1 : 0;
@@ -106,11 +95,6 @@ void upload(uint8_t opts, fz::Input in) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  stateName = fz::scratchDir("rx") + "/.local.kestil_state";
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   fz::Input in{data, size};

@@ -1,7 +1,5 @@
 // The progress command's reading of a state record: any 2248 bytes as it would map them
 // from a partial download's state file (shorter inputs are zero-filled).
-#include <cstdint>
-
 #include "client/progress.hpp"
 #include "client/state_file.hpp"
 #include "tests/fuzz/fuzz_input.hpp"

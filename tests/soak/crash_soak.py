@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """Gets from kestil-sim killed at random instants leave a continuable partial download; each round ends verified."""
-import hashlib, os, random, struct, sys, time
+import hashlib, os, random, struct, sys
 
 sys.dont_write_bytecode = True  # no cache files beside the sources
-from soaklib import Sim, fail, options, run, write  # noqa: E402
+from soaklib import Proc, Sim, fail, kill_rounds, options, read, write  # noqa: E402
 
 STATE_SIZE = 2248
 VECTOR = struct.Struct("<IIIIIiii16s128s")  # the block vector, 20 bytes into the state record
@@ -13,8 +13,7 @@ def check_partial(cwd, local, source):
     state_path = os.path.join(cwd, "." + local + ".kestil_state")
     if not os.path.exists(state_path):
         return None  # killed before the record was made, or after a verified end removed it
-    with open(state_path, "rb") as f:
-        rec = f.read()
+    rec = read(state_path)
     if len(rec) < STATE_SIZE:
         return None  # cut off while being created: the next run creates it anew
     if len(rec) != STATE_SIZE:
@@ -26,8 +25,7 @@ def check_partial(cwd, local, source):
         return None  # no metadata yet: nothing marked counts
     if fsize != len(source) or md5 != hashlib.md5(source).digest() or bsize != 141:
         return "state record knows size %d, block size %d, another digest" % (fsize, bsize)
-    with open(os.path.join(cwd, local), "rb") as f:
-        data = f.read()
+    data = read(os.path.join(cwd, local))
     marked = list(range(1, min(base, last)))
     marked += [base + 8 * i + bit for i in range(128) for bit in range(8)
                if ring[(head + i) % 128] & (0x80 >> bit) and 0 < base + 8 * i + bit < last]
@@ -38,11 +36,6 @@ def check_partial(cwd, local, source):
     return None
 
 
-def run_client(kestil, cwd, args, kill_after):
-    with open(os.path.join(cwd, "client.out"), "wb") as out:
-        return run([kestil] + args, kill_after, cwd=cwd, stdout=out, stderr=out)
-
-
 def main():
     opts = options("127.0.9.40", kills=100, size=2 * 1024 * 1024, loss="0.05", seed=1)
     kestil, rng = os.path.join(opts.bin_dir, "kestil"), random.Random(opts.seed)
@@ -50,39 +43,30 @@ def main():
     os.makedirs(cwd)
     source = rng.randbytes(opts.size)
     write(os.path.join(root, "payload.bin"), source)
-    sim = Sim(opts.bin_dir, root, opts.addr,
-              ["--loss", opts.loss, "--dup", "0.01", "--seed", str(opts.seed), "--pace", "8000", "--idle", "5"])
-    get = ["get", "-h", opts.addr, "-o"]
-    started, kills, rounds = time.monotonic(), 0, 0
-    try:
-        if run_client(kestil, cwd, get + ["whole.bin", "payload.bin"], None) != 0:
-            fail("the uninterrupted get failed")
-        span = time.monotonic() - started  # the kill instants spread over one whole get
-        while kills < opts.kills:
-            rounds += 1
-            local = "copy%03d.bin" % rounds
-            for attempt in range(rng.choice([1, 2, 3, 4])):
-                args = ["resume", local] if attempt > 0 and rng.random() < 0.5 else get + [local, "payload.bin"]
-                kill_after = rng.uniform(0.0, span)
-                status = run_client(kestil, cwd, args, kill_after)
-                if status != "killed":  # verified, or a resume that found no record left
-                    if status != 0 and not (args[0] == "resume" and status == 1):
-                        fail("round %d: %s ended with %s before its kill" % (rounds, " ".join(args), status))
-                    break
-                kills += 1
-                problem = check_partial(cwd, local, source)
-                if problem:
-                    fail("round %d, kill %d after %.3fs: %s" % (rounds, kills, kill_after, problem))
-            status = run_client(kestil, cwd, get + [local, "payload.bin"], None)
-            with open(os.path.join(cwd, local), "rb") as f:
-                same = f.read() == source
-            if status != 0 or not same or os.path.exists(os.path.join(cwd, "." + local + ".kestil_state")):
-                fail("round %d: the finishing get ended with %s, %s content, state file %s" % (
-                    rounds, status, "same" if same else "other", os.listdir(cwd)))
-            os.remove(os.path.join(cwd, local))
-            print("round %d verified: %d kills, %.0f s" % (rounds, kills, time.monotonic() - started), flush=True)
-    finally:
-        sim.stop()
+
+    def run(rnd, attempt, kill_after):  # a get of copyNNN.bin, or after a kill as likely its resume
+        local = "copy%03d.bin" % rnd
+        get = ["get", "-h", opts.addr, "-o", local, "payload.bin"]
+        args = ["resume", local] if attempt > 0 and rng.random() < 0.5 else get
+        status, out = Proc([kestil] + args, cwd).finish(120, kill_after)
+        # Ended before its kill: verified, or a resume that found no record left.
+        if kill_after is not None and status not in ("killed", 0) and not (args[0] == "resume" and status == 1):
+            fail("round %d: %s ended with %s before its kill: %s" % (rnd, " ".join(args), status, out))
+        return status, out
+
+    def end_round(rnd, *_):  # one more get finishes the file and removes its record
+        local = "copy%03d.bin" % rnd
+        status, out = run(rnd, 0, None)
+        same = read(os.path.join(cwd, local)) == source
+        if status != 0 or not same or os.path.exists(os.path.join(cwd, "." + local + ".kestil_state")):
+            fail("round %d: the finishing get ended with %s, %s content, state file %s: %s" % (
+                rnd, status, "same" if same else "other", os.listdir(cwd), out))
+        os.remove(os.path.join(cwd, local))
+
+    with Sim(opts.bin_dir, root, opts.addr,
+             ["--loss", opts.loss, "--dup", "0.01", "--seed", str(opts.seed), "--pace", "8000", "--idle", "5"]):
+        kill_rounds(opts, rng, run, lambda rnd: check_partial(cwd, "copy%03d.bin" % rnd, source), end_round,
+                    tries=lambda: rng.choice([1, 2, 3, 4]))
 
 
 if __name__ == "__main__":

@@ -1,11 +1,9 @@
 #!/usr/bin/env python3
 """kestil-pass killed at random instants: the ledger agrees with the archive after each kill, the last run drains."""
-import hashlib, os, random, shutil, signal, sqlite3, struct, subprocess, sys, time
+import hashlib, os, random, shutil, signal, sqlite3, struct, sys
 
 sys.dont_write_bytecode = True  # no cache files beside the sources
-from soaklib import Sim, fail, options, run, write  # noqa: E402
-
-OWN = (".kestil-pass.db", ".kestil-pass.lock", ".kestil-pass.d")
+from soaklib import Proc, Sim, eventually, fail, kill_rounds, options, read, write  # noqa: E402
 
 
 def make_queue(root, rng, count, max_size):
@@ -21,44 +19,42 @@ def make_queue(root, rng, count, max_size):
     return sums
 
 
-def check_ledger(archive, sums):
+def check_ledger(archive, sums, drained=False):
+    """What is wrong with the ledger against the archive, or None; once drained, every file must be complete."""
     db = sqlite3.connect(os.path.join(archive, ".kestil-pass.db"), timeout=10)
     try:
         if db.execute("PRAGMA integrity_check").fetchone()[0] != "ok":
             return "the ledger fails its integrity check"
-        for remote, local, md5 in db.execute("SELECT remote_path, local_path, md5 FROM files WHERE state = 'complete'"):
-            try:
-                with open(os.path.join(archive, local), "rb") as f:
-                    digest = hashlib.md5(f.read()).hexdigest()
-            except OSError as e:
-                return "%s is complete in the ledger but not in the archive: %s" % (remote, e)
-            if digest != sums[remote] or md5 != sums[remote]:
-                return "%s is complete in the ledger with other bytes" % remote
-        return None
+        complete = db.execute("SELECT remote_path, local_path, md5 FROM files WHERE state = 'complete'").fetchall()
     finally:
         db.close()
+    for remote, local, md5 in complete:
+        try:
+            digest = hashlib.md5(read(os.path.join(archive, local))).hexdigest()
+        except OSError as e:
+            return "%s is complete in the ledger but not in the archive: %s" % (remote, e)
+        if digest != sums[remote] or md5 != sums[remote]:
+            return "%s is complete in the ledger with other bytes" % remote
+    names = {remote for remote, _, _ in complete}
+    if drained and (names != set(sums) or archive_files(archive) != set(sums)):
+        return "drained, the archive holds %s, the ledger %s complete, the source %s" % (
+            sorted(archive_files(archive)), sorted(names), sorted(sums))
+    return None
 
 
-def archive_files(archive):
-    found = set()
-    for dirpath, dirs, files in os.walk(archive):
-        rel = os.path.relpath(dirpath, archive)
-        dirs[:] = [d for d in dirs if rel != "." or d not in OWN]
-        for f in files:
-            if rel != "." or f not in OWN:
-                found.add(os.path.normpath(os.path.join(rel, f)))
-    return found
+def archive_files(archive):  # kestil-pass's own files, at the top, left out
+    found = {os.path.relpath(os.path.join(d, f), archive) for d, _, files in os.walk(archive) for f in files}
+    return {name for name in found if not name.startswith(".kestil-pass")}
 
 
-def wait_groups_gone(groups, seconds=10):  # a killed run's sessions end on their own
-    deadline = time.monotonic() + seconds
-    for g in groups:
-        while time.monotonic() < deadline:
-            try:
-                os.killpg(g, 0)
-            except ProcessLookupError:
-                break
-            time.sleep(0.1)
+def live_groups(groups, sig=0):
+    """Sends sig to each process group of groups, keeping there only those still alive."""
+    for g in list(groups):
+        try:
+            os.killpg(g, sig)
+        except ProcessLookupError:
+            groups.remove(g)
+    return groups
 
 
 def main():
@@ -67,53 +63,28 @@ def main():
     root = os.path.join(work, "root")
     sums = make_queue(root, rng, opts.files, opts.max_size)
     groups = []  # each run in a process group of its own, so that its sessions can be waited for
-    sim = Sim(opts.bin_dir, root, opts.addr, ["--rate", "800000", "--loss", opts.loss, "--seed", str(opts.seed)])
+    archive = lambda rnd: os.path.join(work, "archive%03d" % rnd)  # noqa: E731
 
-    def drain(archive, kill_after):
-        with open(os.path.join(work, "pass.err"), "w+b") as err:
-            status = run([os.path.join(opts.bin_dir, "kestil-pass"), "-h", opts.addr, "--archive", archive, "-q"],
-                         kill_after, pids=groups, cwd=work, stdout=subprocess.DEVNULL, stderr=err,
-                         start_new_session=True)
-            err.seek(0)
-            return status, err.read().decode(errors="replace")
+    def drain(rnd, _, kill_after):
+        run = Proc([os.path.join(opts.bin_dir, "kestil-pass"), "-h", opts.addr, "--archive", archive(rnd), "-q"], work,
+                   start_new_session=True)
+        groups.append(run.proc.pid)
+        return run.finish(120, kill_after)
 
-    started, kills, rounds = time.monotonic(), 0, 0
-    try:
-        status, err = drain(os.path.join(work, "whole"), None)
-        span = time.monotonic() - started  # the kill instants spread over one whole drain
+    def end_round(rnd, status, out):  # the run that was not killed drained the queue
         if status != 0:
-            fail("the uninterrupted drain ended with %s: %s" % (status, err))
-        while kills < opts.kills:
-            rounds += 1
-            archive = os.path.join(work, "archive%03d" % rounds)
-            while True:  # killed runs, one after the other, until one drains the queue
-                kill_after = rng.uniform(0.0, span)
-                status, err = drain(archive, kill_after)
-                if status != "killed":
-                    break
-                kills += 1
-                problem = check_ledger(archive, sums)
-                if problem:
-                    fail("round %d, kill %d after %.3f s: %s" % (rounds, kills, kill_after, problem))
-            if status != 0:
-                fail("round %d: a run ended with %s: %s" % (rounds, status, err))
-            wait_groups_gone(groups)
-            problem = check_ledger(archive, sums)
-            db = sqlite3.connect(os.path.join(archive, ".kestil-pass.db"))
-            complete = {r[0] for r in db.execute("SELECT remote_path FROM files WHERE state = 'complete'")}
-            db.close()
-            if problem or complete != set(sums) or archive_files(archive) != set(sums):
-                fail("round %d drained: %s; the archive holds %s, the ledger %s complete, the source %s"
-                     % (rounds, problem, sorted(archive_files(archive)), sorted(complete), sorted(sums)))
-            shutil.rmtree(archive)
-            print("round %d drained: %d kills, %.0f s" % (rounds, kills, time.monotonic() - started), flush=True)
+            fail("round %d: a run ended with %s: %s" % (rnd, status, out))
+        eventually(lambda: not live_groups(groups), 10)  # a killed run's sessions end on their own
+        problem = check_ledger(archive(rnd), sums, drained=True)
+        if problem:
+            fail("round %d: %s" % (rnd, problem))
+        shutil.rmtree(archive(rnd))
+
+    try:
+        with Sim(opts.bin_dir, root, opts.addr, ["--rate", "800000", "--loss", opts.loss, "--seed", str(opts.seed)]):
+            kill_rounds(opts, rng, drain, lambda rnd: check_ledger(archive(rnd), sums), end_round)
     finally:
-        for g in groups:
-            try:
-                os.killpg(g, signal.SIGKILL)
-            except ProcessLookupError:
-                pass
-        sim.stop()
+        live_groups(groups, signal.SIGKILL)
 
 
 if __name__ == "__main__":
