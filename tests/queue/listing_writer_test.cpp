@@ -51,8 +51,6 @@ TEST(ListingWriter, RecordsDecodeIndependentlyToTheirExactBytes) {
   EXPECT_EQ(pythonInflate(path), kt::rawRecord("", 0, 0, 0, 0) + kt::rawRecord("a.bin", 0x01020304, 1, 2, 0x80) +
                                      kt::rawRecord(longName, 9, 0, 0, 0) +
                                      kt::rawRecord(std::string(4118, 'm'), 9, 0, 0, 0));
-  EXPECT_EQ(kt::listingRecords(path),
-            (Names{"0/0/0/0/", "80/1/2/16909060/a.bin", "0/0/0/9/" + longName, "0/0/0/9/" + std::string(4118, 'm')}));
   unlink(path.c_str());
 
   const std::string empty = finish(listing_init(0), "/tmp/dirlisting.");

@@ -69,28 +69,18 @@ TEST(LinkEmulator, DuplicatesArriveTwiceAndHeldBackOnesBehindLaterDatagrams) {
   EXPECT_EQ(submit(&dup, {0}, 10)[0], LinkFate::Duplicated);
   EXPECT_EQ(drain(&dup), (Due{{5000, 0}, {5000 + LINK_DUP_GAP_US, 0}}));
 
-  LinkDirection held = make({.delayMs = 5, .reorder = 0.5});
-  auto fates = submit(&held, {0, 1000, 2000, 3000, 4000, 5000, 6000, 7000}, 10);
-  for (auto [due, tag] : drain(&held)) {
-    int64_t expected = tag * 1000 + 5000;
-    if (fates[static_cast<size_t>(tag)] == LinkFate::HeldBack) expected += 5000 + LINK_REORDER_HOLD_US;
-    EXPECT_EQ(due, expected) << tag;
-  }
-  EXPECT_GT(std::count(fates.begin(), fates.end(), LinkFate::HeldBack), 0);
-  EXPECT_GT(std::count(fates.begin(), fates.end(), LinkFate::Delivered), 0);
+  // Held back by the delay and the hold once more: whatever follows within that time overtakes it.
+  LinkDirection held = make({.delayMs = 5, .reorder = 1.0});
+  EXPECT_EQ(submit(&held, {0}, 10)[0], LinkFate::HeldBack);
+  EXPECT_EQ(drain(&held), (Due{{10000 + LINK_REORDER_HOLD_US, 0}}));
 }
 
 TEST(LinkEmulator, PassScheduleDropsWhileDownIncludingWhatWaitsForTheWire) {
   const LinkConfig pass{.passUpS = 2, .passDownS = 3};
   const int64_t s = 1000000;  // the schedule starts with the link
-  for (auto [at, up] : {std::pair{-1, false},
-                        {0, true},
-                        {1999999, true},
-                        {2000000, false},
-                        {4999999, false},
-                        {5000000, true},
-                        {7500000, false}})
-    EXPECT_EQ(linkIsUp(pass, s, s + at), up) << at;  // down before the first pass
+  for (int64_t at : {0, 1999999, 5000000}) EXPECT_TRUE(linkIsUp(pass, s, s + at)) << at;
+  // Down before the first pass (-1) and between passes.
+  for (int64_t at : {-1, 2000000, 4999999, 7500000}) EXPECT_FALSE(linkIsUp(pass, s, s + at)) << at;
 
   // 100 ms per datagram: the eleventh would start at 1 s, out of view.
   LinkDirection dir = make({.rateBps = 8000, .passUpS = 1, .passDownS = 1, .queueLimitMs = 5000});

@@ -1,5 +1,6 @@
 // The station layer: host resolution, the request/response exchange with an on-board
-// service, and the debug log.
+// service, and the debug log. (An exchange that times out: the queue commands' silent file
+// manager.)
 #include "station/station.hpp"
 
 #include <arpa/inet.h>
@@ -42,8 +43,7 @@ std::pair<int, std::string> exchange(const char *ip, int timeoutMs, const char *
 
 TEST(SendPacketAndReadResponse, AnswerFromTheServicePortOnlyAndNothingElse) {
   EXPECT_EQ(exchange("127.0.3.32", 5000, "impostor", "answer"), std::make_pair(6, std::string("answer")));
-  EXPECT_EQ(exchange("127.0.3.33", 200, nullptr, nullptr).first, -1);  // silence
-  EXPECT_EQ(exchange("127.0.3.34", 5000, nullptr, "").first, -1);      // an empty answer
+  EXPECT_EQ(exchange("127.0.3.34", 5000, nullptr, "").first, -1);  // an empty answer
   char resp[8];
   EXPECT_EQ(socket_send_packet_and_read_response("127.0.3.35", "nosuch", "q", 1, resp, 8, 100), -1);
 }
