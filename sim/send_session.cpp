@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -27,6 +28,7 @@ constexpr int64_t MIN_PUMP_GAP_US = 100;
 constexpr int MAX_BURST_DATAGRAMS = 64;
 
 void schedulePump(SendSession *s, int64_t dueUs);
+void armSilence(SendSession *s, int64_t now);
 
 bool acked(const SendSession *s, uint32_t blk) {
   return blkIsInVector(const_cast<BlkRxVector *>(&s->tx.rxVec), blk) != 0;
@@ -58,11 +60,16 @@ constexpr double HEAVY_LOSS = 0.1;
 // And at least this often, whatever it takes in.
 constexpr int64_t CLIENT_ACK_CLOCK_US = 2000000;
 // The budget covers as many of those acknowledgements as it takes for at least one to cross
-// a link that loses as much as the sends do, short of this chance of losing them all; a
-// lossless link needs one.
-constexpr double ACK_MISS_CHANCE = 0.001;
-constexpr uint32_t MAX_ACKS_AHEAD = 8;
-// The loss estimate weighs about this many recent sends.
+// a link that loses as much as the sends do, short of this chance of losing them all (one up
+// to 5% loss); a loss beyond that costs a silence of a few acknowledgement gaps, not the
+// client's 2 s clock.
+constexpr double ACK_MISS_CHANCE = 0.05;
+constexpr double MAX_ACKS_AHEAD = 8;
+// A silence this many usual gaps long, the first time, says the acknowledgement was lost; a
+// client silent this many times over is gone or far behind.
+constexpr int64_t SILENCE_GAPS = 3;
+constexpr uint32_t MAX_SILENCES = 5;
+// The loss estimate weighs about this many recent first sends.
 constexpr double LOSS_MEMORY_SENDS = 4096;
 
 double lossShare(const SendSession *s) {
@@ -70,10 +77,14 @@ double lossShare(const SendSession *s) {
   return std::min(0.9, s->sendsLost / s->sendsSettled);
 }
 
+// The sends it takes for the client to take in what it acknowledges after.
+uint64_t ackWorth(const SendSession *s) { return static_cast<uint64_t>(CLIENT_ACK_DATAGRAMS / (1.0 - lossShare(s))); }
+
 uint64_t fillBudget(const SendSession *s) {
   double loss = lossShare(s);
-  uint32_t acks = 1;
-  for (double miss = loss; miss > ACK_MISS_CHANCE && acks < MAX_ACKS_AHEAD; miss *= loss) acks++;
+  // Fractional, so that a loss estimate wavering around a link's true loss moves the budget
+  // a little, not by a whole acknowledgement's worth.
+  double acks = loss > 0.0 ? std::clamp(std::log(ACK_MISS_CHANCE) / std::log(loss), 1.0, MAX_ACKS_AHEAD) : 1.0;
   return static_cast<uint64_t>(acks * CLIENT_ACK_DATAGRAMS / (1.0 - loss));
 }
 
@@ -87,8 +98,15 @@ void startFillRound(SendSession *s) {
   s->fillNext = s->tx.rxVec.blkNumBase;
 }
 
+// The fill budget with what the client's silences added to it.
+uint64_t fillLimit(const SendSession *s) { return fillBudget(s) + s->fillExtra; }
+
+bool budgetSpent(const SendSession *s) {
+  return s->sendCount - s->fillFrom >= fillLimit(s) && s->fillSentSinceAck >= s->fillAllowance;
+}
+
 bool pickFill(SendSession *s, uint32_t end, uint32_t *blk) {
-  if (s->sendCount - s->fillFrom >= fillBudget(s) && s->fillSentSinceAck >= s->fillAllowance) return false;
+  if (budgetSpent(s)) return false;
   for (int attempt = 0; attempt < 2; ++attempt) {
     s->fillNext = std::max(s->fillNext, s->tx.rxVec.blkNumBase);
     for (; s->fillNext < s->nextNew && s->fillNext < end; s->fillNext++) {
@@ -186,11 +204,13 @@ void pump(SendSession *s, int64_t now) {
     serviceSend(s->svc, now, buf, static_cast<size_t>(len), s->peer);
     s->dataSent++;
     uint64_t count = ++s->sendCount;
+    s->sentFirst[count % SEND_LOG] = kind == Pick::New ? blk + 1 : 0;
     SendStamp &st = s->stamps[blk % BLK_RX_WINDOW];
     bool copy = kind == Pick::Fill && st.blk == blk && st.count != 0;
     st = SendStamp{blk, count, kind == Pick::New ? 0 : s->fillRound, copy ? st.proof : count};
     s->credit -= static_cast<double>(len + LINK_IP_UDP_OVERHEAD) * 8;
   }
+  if (s->passExhausted && s->acksHeard != 0 && budgetSpent(s)) armSilence(s, now);
   if (!s->passExhausted) {
     int64_t gap = static_cast<int64_t>(std::max(0.0, -s->credit) * 1e6 / s->paceBits);
     schedulePump(s, now + std::max(gap, MIN_PUMP_GAP_US));
@@ -208,8 +228,26 @@ void restartPump(SendSession *s, int64_t now) {
   schedulePump(s, now);
 }
 
-// The sends an acknowledgement settles, those up to its newest arrival, and how many of them
-// it shows lost, weighed into the loss estimate.
+// The budget is spent, so the client's next acknowledgement should come within about one of
+// its usual gaps. Silence for SILENCE_GAPS of them says that it was lost, or the datagrams that
+// would have brought it: what has gone out and one more budget may go, and each further
+// silence waits twice as long. Not while more than the budget and an acknowledgement's worth
+// is unreported: the client has then sent more acknowledgements than the link loses
+// together, so it is behind, and a copy would only lengthen its queue.
+void armSilence(SendSession *s, int64_t now) {
+  if (s->silenceTimer != 0 || s->ackGapUs == 0 || s->silences >= MAX_SILENCES) return;
+  if (s->sendCount - s->fillFrom >= fillLimit(s) + s->fillAllowance + ackWorth(s)) return;
+  int64_t due = now + (SILENCE_GAPS * s->ackGapUs << s->silences);
+  s->silenceTimer = loopAddTimer(s->svc->loop, due, [s](int64_t t) {
+    s->silenceTimer = 0;
+    s->silences++;
+    s->fillExtra = s->sendCount - s->fillFrom;
+    if (s->passExhausted) restartPump(s, t);
+  });
+}
+
+// The first sends an acknowledgement settles and how many of them it shows lost, weighed into
+// the loss estimate.
 void noteLossShare(SendSession *s, uint64_t settled, uint32_t lostNow) {
   s->sendsSettled += static_cast<double>(settled);
   s->sendsLost += lostNow;
@@ -237,18 +275,28 @@ void detectLosses(SendSession *s, uint32_t from) {
   if (newest == nullptr || newest->proof <= s->newestArrived) return;
   uint64_t settled = newest->proof - s->newestArrived;
   s->newestArrived = newest->proof;
-  uint32_t lostNow = 0;
   for (uint32_t b = base; b < end; ++b) {
-    if (!acked(s, b) && everSent(s, b) && stampOf(s, b).count < newest->proof && s->lost.insert(b).second) lostNow++;
+    if (!acked(s, b) && everSent(s, b) && stampOf(s, b).count < newest->proof) s->lost.insert(b);
   }
-  noteLossShare(s, settled, lostNow);
+  // The first sends of blocks settled: lost when the block is still missing. Copies are left
+  // out, since any one of a block's copies arriving acknowledges them all.
+  uint64_t first = std::max(newest->proof - settled, newest->proof - std::min<uint64_t>(newest->proof, SEND_LOG));
+  uint32_t firstSends = 0, lostSends = 0;
+  for (uint64_t c = first + 1; c <= newest->proof; ++c) {
+    uint32_t b = s->sentFirst[c % SEND_LOG];
+    if (b == 0) continue;
+    firstSends++;
+    if (!acked(s, b - 1)) lostSends++;
+  }
+  noteLossShare(s, firstSends, lostSends);
 }
 
 // What an acknowledgement says the client took in moves the fill budget's start on, never
-// past what has been sent: up to the newest send proven to have arrived, and by the 256
-// datagrams the client takes in between two acknowledgements when this one came sooner than
-// its 2 s clock would send one (at a loss that holds the window, what the client takes in is
-// mostly copies, whose sends prove nothing). One that comes 2 s or more after the last is the
+// past what has been sent: up to the newest send proven to have arrived, and by the sends
+// since the last acknowledgement heard (at least what it takes for the client to take in 256,
+// at most the budget: acknowledgements lost between them were each sent after 256 more) when
+// this one came sooner than its 2 s clock would send one (at a loss that holds the window,
+// what the client takes in is mostly copies, whose sends prove nothing). One that comes 2 s or more after the last is the
 // client's clock (or the last of several lost on the way): it took in fewer than 256 since
 // its last, so it is not behind, and the budget starts again from what has been sent. A copy
 // of the last acknowledgement that the link made, with nothing sent in between, changes
@@ -267,10 +315,17 @@ void moveFillBudget(SendSession *s, const uint8_t *ack, int len, int64_t now, ui
   bool copy = !onClock && s->sendCount == s->sentAtLastAck && s->lastAck.size() == static_cast<size_t>(len) &&
               std::equal(ack, ack + len, s->lastAck.begin());
   if (copy) return;
+  if (!onClock && s->acksHeard != 0)
+    s->ackGapUs = s->ackGapUs == 0 ? now - s->lastAckUs : (7 * s->ackGapUs + now - s->lastAckUs) / 8;
+  loopCancelTimer(s->svc->loop, s->silenceTimer);
+  s->silenceTimer = 0;
+  s->silences = 0;
+  s->fillExtra = 0;
   if (onClock) {
     s->fillFrom = s->sendCount;
   } else {
-    s->fillFrom = std::max(s->newestArrived, std::min(s->sendCount, s->fillFrom + CLIENT_ACK_DATAGRAMS));
+    uint64_t credit = std::clamp(s->sendCount - s->sentAtLastAck, ackWorth(s), fillBudget(s));
+    s->fillFrom = std::max(s->newestArrived, std::min(s->sendCount, s->fillFrom + credit));
   }
   s->sentAtLastAck = s->sendCount;
   s->lastAckUs = now;
@@ -387,6 +442,7 @@ void collectReported(void *param, uint8_t, uint8_t group, uint8_t, uint32_t, con
 SendSession::~SendSession() {
   if (svc != nullptr) {
     loopCancelTimer(svc->loop, pumpTimer);
+    loopCancelTimer(svc->loop, silenceTimer);
     svc->datagramsSent += dataSent;
     svc->blocksServed += tx.rxVec.lastBlk;
   }

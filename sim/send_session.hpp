@@ -16,6 +16,9 @@
 
 struct TransferService;
 
+// Sends remembered for the loss estimate: four windows' worth.
+constexpr uint32_t SEND_LOG = 4 * BLK_RX_WINDOW;
+
 struct SendStamp {
   uint32_t blk = 0;
   uint64_t count = 0;          // of its latest send; 0: never sent
@@ -45,7 +48,11 @@ struct SendSession {
   SendStamp stamps[BLK_RX_WINDOW]{};
   uint32_t nextNew = 0;     // the forward pass: lowest block never sent
   std::set<uint32_t> lost;  // blocks to send again before anything new
-  // The share of sends that acknowledgements showed lost, over the recent sends they settled.
+  // Each recent send by its count: one more than its block for a block's first send, 0 for a
+  // copy. An acknowledgement settles the sends up to its newest arrival, and the first sends
+  // whose block it still lacks were lost.
+  uint32_t sentFirst[SEND_LOG]{};
+  // The share of first sends that acknowledgements showed lost, over those they settled.
   double sendsSettled = 0.0;
   double sendsLost = 0.0;
   // Rounds of unacknowledged blocks that fill an idle wire, within the fill budget: the
@@ -60,6 +67,12 @@ struct SendSession {
   // Fill datagrams beyond the budget that the last acknowledgement allows, and those sent since.
   uint32_t fillAllowance = 0;
   uint32_t fillSentSinceAck = 0;
+  // The usual gap between the client's acknowledgements, and the silences past it since the
+  // last: each lets one more budget of fill go (`fillExtra`), after twice as long as the last.
+  int64_t ackGapUs = 0;
+  uint64_t silenceTimer = 0;
+  uint32_t silences = 0;
+  uint64_t fillExtra = 0;
   std::vector<uint8_t> lastAck;
   uint32_t acksHeard = 0;  // the client's acknowledgements applied (not the request's)
   uint64_t dataSent = 0;   // datagrams of the file's blocks sent, copies included

@@ -147,6 +147,25 @@ TEST_F(SimServices, ThePassEndsWithRoundsOfUnacknowledgedBlocksThenWaitsForTheCl
   EXPECT_EQ(blocksAfter(1000).size(), got.size());
 }
 
+// Once the client has shown how far apart its acknowledgements come, a silence of three such
+// gaps after the budget was spent says its answer was lost: one more budget goes, the next
+// silence is waited for twice as long, and after a few the rounds stop for good.
+TEST_F(SimServices, SilenceAfterTheBudgetBringsOneMoreBudgetAtLongerAndLongerIntervals) {
+  get(171 * 8 * 100000, 141 * 15);  // blocks 1 to 15, all sent within the first millisecond
+  ASSERT_EQ(blocksAfter(1).size(), 16u);
+  Bytes half = ack({0xFF});  // 0-7 arrived, 8-15 still on the way
+  deliver(half);
+  blocksAfter(9);
+  deliver(half);  // 9 ms later: the client's usual gap
+  Blocks budget = blocksAfter(20);
+  ASSERT_GT(budget.size(), 16u);
+  for (int b : budget) EXPECT_GE(b, 8);
+  EXPECT_EQ(blocksAfter(20).size(), budget.size());  // silent for 27 ms: one more budget
+  EXPECT_TRUE(blocksAfter(40).empty());              // the next silence is twice as long
+  EXPECT_FALSE(blocksAfter(10000).empty());
+  EXPECT_TRUE(blocksAfter(10000).empty());
+}
+
 // No cap on datagrams in flight beyond the window: a cap stalls the pass whenever two
 // acknowledgements in a row are lost, since the client acknowledges only every 256 blocks.
 // A client that is behind holds in its socket buffer what it has not reported, so nothing
@@ -157,9 +176,11 @@ TEST_F(SimServices, AClientBehindGetsTheWindowAndNoCopies) {
   ASSERT_EQ(got.size(), 1024u);  // blocks 0 to 1023, and no round of resends before any report
   EXPECT_EQ(got.back(), 1023);
   deliver(ack(Bytes(32, 0xFF)));  // 0-255 arrived: the window moves on to the file's end
-  got = blocksAfter(1000);
+  got = blocksAfter(10);
   ASSERT_EQ(got.size(), 77u);
   EXPECT_EQ((Blocks{got.front(), got.back()}), (Blocks{1024, 1100}));
+  deliver(ack(Bytes(64, 0xFF)));  // 0-511, 10 ms later; then a long silence of a client behind
+  EXPECT_TRUE(blocksAfter(2000).empty());
 }
 
 TEST_F(SimServices, PiggyBackedAcknowledgementLimitsAResumeToWhatIsMissing) {
