@@ -1,9 +1,15 @@
 // The ceiling for loopback transfers on this machine: one process blasts 146-byte datagrams
 // (141 bytes of payload behind a 5-byte header, the largest data datagram) at a receiver for a
 // fixed time, and the receiver's delivered payload rate is printed in MB/s.
-// Usage: raw_udp_bench ADDR SECONDS   (ADDR must be a 127.x.y.z address)
+// With `client-calls` the receiver makes, for every datagram, the system calls that the
+// download's receive loop cannot do without: the data file's lock released and taken again,
+// the read, the block's positioned write and one write of the trace and bar. That is the
+// ceiling for a download on this machine, whatever its own work costs.
+// Usage: raw_udp_bench ADDR SECONDS [client-calls]   (ADDR must be a 127.x.y.z address)
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,11 +18,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 
 namespace {
 
 constexpr int DATAGRAM = 146;
 constexpr int PAYLOAD = 141;
+constexpr uint64_t FILE_BLOCKS = (64 << 20) / PAYLOAD;  // a 64 MiB download's data file
 
 int64_t nowUs() {
   using namespace std::chrono;
@@ -26,8 +34,9 @@ int64_t nowUs() {
 }  // namespace
 
 int main(int argc, char **argv) {
-  if (argc != 3) {
-    std::fprintf(stderr, "usage: raw_udp_bench ADDR SECONDS\n");
+  const bool clientCalls = argc == 4 && std::string_view(argv[3]) == "client-calls";
+  if (argc != 3 && !clientCalls) {
+    std::fprintf(stderr, "usage: raw_udp_bench ADDR SECONDS [client-calls]\n");
     return 2;
   }
   sockaddr_in addr{};
@@ -57,8 +66,25 @@ int main(int argc, char **argv) {
     uint64_t count = 0;
     int64_t first = 0, last = 0;
     pollfd p{rx, POLLIN, 0};
-    while (poll(&p, 1, count == 0 ? 5000 : 200) == 1) {
-      if (recv(rx, buf, sizeof buf, 0) == DATAGRAM) {
+    char dataName[] = "/tmp/raw_udp_bench.XXXXXX", traceName[] = "/tmp/raw_udp_bench.XXXXXX";
+    int data = clientCalls ? mkstemp(dataName) : -1, trace = clientCalls ? mkstemp(traceName) : -1;
+    if (clientCalls) {
+      unlink(dataName);
+      unlink(traceName);
+    }
+    const char line[] = "   block 123456, \r[========================================          ]";
+    for (;;) {
+      // Like the receive loop, the client-calls receiver waits only when nothing is queued.
+      if (clientCalls) flock(data, LOCK_UN);
+      ssize_t n = clientCalls ? recv(rx, buf, sizeof buf, MSG_DONTWAIT) : -1;
+      if (n < 0 && (poll(&p, 1, count == 0 ? 5000 : 200) != 1 || (n = recv(rx, buf, sizeof buf, 0)) < 0)) break;
+      if (clientCalls) {
+        flock(data, LOCK_EX);
+        if (pwrite(data, buf + 5, PAYLOAD, static_cast<off_t>(count % FILE_BLOCKS) * PAYLOAD) != PAYLOAD ||
+            write(trace, line, sizeof line - 1) < 0)
+          _exit(1);
+      }
+      if (n == DATAGRAM) {
         last = nowUs();
         if (count++ == 0) first = last;
       }

@@ -43,17 +43,23 @@ def main():
              f"Linux {m.get('kernel', '?')}. Median of the runs (min–max).", ""]
     if "raw" in r:
         lines += [f"Raw loopback limit (146-byte datagrams, 141 bytes of payload): "
-                  f"{fmt(r['raw']['payload_MBps'], 1)} MB/s", ""]
+                  f"{fmt(r['raw']['payload_MBps'], 1)} MB/s"]
+        if "client_calls_MBps" in r["raw"]:
+            lines += [f"With the receive loop's required calls a datagram (lock released and taken, read, "
+                      f"positioned write, trace and bar): {fmt(r['raw']['client_calls_MBps'], 1)} MB/s"]
+        lines += [""]
     raw = r.get("raw", {}).get("payload_MBps", {}).get("median")
+    calls = r.get("raw", {}).get("client_calls_MBps", {}).get("median")
     for item, label in (("loopback", ""), ("loopback-1core", ", both ends on one core")):
         if item not in r:
             continue
-        lines += [f"| loopback download{label} | payload MB/s | of raw limit | copies | client CPU s/MiB |",
-                  "|---|---|---|---|---|"]
+        lines += [f"| loopback download{label} | payload MB/s | of raw limit | of calls limit | copies | "
+                  "client CPU s/MiB |", "|---|---|---|---|---|---|"]
         for tool, v in r[item].items():
             mbps = v["payload_MBps"]
             share = f"{mbps['median'] / raw:.2f}" if mbps and raw else "—"
-            lines.append(f"| {tool} | {fmt(mbps, 1)} | {share} | {pct(v.get('copies'))} | "
+            callShare = f"{mbps['median'] / calls:.2f}" if mbps and calls else "—"
+            lines.append(f"| {tool} | {fmt(mbps, 1)} | {share} | {callShare} | {pct(v.get('copies'))} | "
                          f"{fmt(v['cpu_s_per_MiB'], 4)} |")
         lines.append("")
     if "scenarios" in r:
