@@ -108,11 +108,6 @@ TEST(SimGet, EachEndHasItsStatusMessageAndFilesLeft) {
     EXPECT_EQ(kt::readFile(work + "/.x.kestil_state").size(), c.status == 14 ? 2248u : 0u) << c.path;
   }
   EXPECT_TRUE(has(noisy.trace(), " corrupt\n"));
-  // Run with its standard input closed, as a daemon may start it: the socket is descriptor 0.
-  const std::string work = kt::makeTempDir();
-  const std::string line = std::string(KESTIL_BIN) + " get -h 127.0.7.3 -t 5 -o x d/a <&-";
-  EXPECT_EQ(kt::run(work, "sh", {"-c", line}, 30000, "/bin/sh").status, 0);
-  EXPECT_EQ(kt::readFile(work + "/x"), content);
 }
 
 TEST(SimPut, StoresTheFileWithItsTimeAndRefusesTargetsItMustNotWrite) {
