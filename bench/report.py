@@ -58,8 +58,8 @@ def main():
         for tool, v in r[item].items():
             mbps = v["payload_MBps"]
             share = f"{mbps['median'] / raw:.2f}" if mbps and raw else "—"
-            callShare = f"{mbps['median'] / calls:.2f}" if mbps and calls else "—"
-            lines.append(f"| {tool} | {fmt(mbps, 1)} | {share} | {callShare} | {pct(v.get('copies'))} | "
+            call_share = f"{mbps['median'] / calls:.2f}" if mbps and calls else "—"
+            lines.append(f"| {tool} | {fmt(mbps, 1)} | {share} | {call_share} | {pct(v.get('copies'))} | "
                          f"{fmt(v['cpu_s_per_MiB'], 4)} |")
         lines.append("")
     if "scenarios" in r:
