@@ -107,6 +107,13 @@ TEST(GetDownload, ErrorReportOrSilenceEndsItAndKeepsTheRecord) {
     EXPECT_EQ(heard.finals.size(), c.report.empty() ? 7u : 0u) << c.args;
     EXPECT_EQ(kt::readFile(run.dir + "/.e.bin.kestil_state").size(), 2248u) << c.args;
   }
+  // Started with its standard input closed, the get has its socket at descriptor 0: the wait
+  // must take it like any other, or the loop spins and never counts the idle tick. Nothing
+  // listens at this address.
+  const std::string dir = kt::makeTempDir();
+  const kt::Result closedInput =
+      kt::run(dir, "sh", {"-c", "exec \"$0\" get -h 127.0.5.14 -t 0 e.bin <&-", KESTIL_BIN}, 20000, "/bin/sh");
+  EXPECT_EQ(kt::plainShown(closedInput), (kt::Result{13, "\nWaiting for satellite to stop spamming...\n", ""}));
 }
 
 TEST(GetState, TwoGetsOfOneLocalFileShareTheRecordAndBothFinish) {
