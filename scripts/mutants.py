@@ -12,7 +12,7 @@ one and shows the source line of each survivor. Python 3 standard library only.
 
     scripts/mutants.py [--seed N] [--sample N] [--jobs N] [--report PATH]
     scripts/mutants.py --list           the catalogue, sampled mutants marked, nothing run
-    scripts/mutants.py --only ID        one mutant of the catalogue, with its killer's output
+    scripts/mutants.py --only ID[,ID]   those mutants of the catalogue (one: with its killer's output)
 """
 import argparse, hashlib, io, json, os, random, re, shutil, signal, subprocess, sys, tarfile, tempfile, time
 
@@ -426,7 +426,8 @@ def main():
     ap.add_argument("--sample", type=int, default=DEFAULT_SAMPLE)
     ap.add_argument("--jobs", type=int, default=2, help="build jobs and tests run at once")
     ap.add_argument("--list", action="store_true", help="print the catalogue and run nothing")
-    ap.add_argument("--only", type=int, metavar="ID", help="run one mutant of the catalogue, report nothing")
+    ap.add_argument("--only", type=lambda v: [int(i) for i in v.split(",")], metavar="ID[,ID]",
+                    help="run these mutants of the catalogue, report nothing")
     ap.add_argument("--report", default=os.path.join(ROOT, "tests", "mutants.txt"))
     opts = ap.parse_args()
 
@@ -444,9 +445,10 @@ def main():
                                                ("drops: " + m.original if not m.mutated.strip() else m.mutated).strip()))
         return
     if opts.only is not None:
-        if not 1 <= opts.only <= len(cat):
-            sys.exit("no mutant %d: the catalogue holds 1 to %d" % (opts.only, len(cat)))
-        sample = [cat[opts.only - 1]]
+        for i in opts.only:
+            if not 1 <= i <= len(cat):
+                sys.exit("no mutant %d: the catalogue holds 1 to %d" % (i, len(cat)))
+        sample = [cat[i - 1] for i in opts.only]
     if git("status", "--porcelain", "--untracked-files=no"):
         print("note: changes not committed are left out; the check runs on %s" % commit[:12], flush=True)
 
@@ -466,7 +468,7 @@ def main():
         result, detail, output, took = try_mutant(m, files, tests, targets, opts.jobs)
         results.append((m, result, detail))
         print(describe(m, result, detail) + "\n" + " " * 18 + "(%.0f s)" % took, flush=True)
-        if opts.only is not None and output:
+        if opts.only is not None and len(sample) == 1 and output:
             print("--- output of %s (last 60 lines)\n%s" % (detail[0], "\n".join(output.split("\n")[-60:])))
     built_ok = sum(1 for _, r, _ in results if r != "not built")
     killed = sum(1 for _, r, _ in results if r == "killed")
