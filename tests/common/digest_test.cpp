@@ -1,10 +1,8 @@
-// The bounded wait ended by a signal or a bad descriptor, and the digest of a file. (Waits
-// that run to their deadline or end early on a datagram: the get, ls and report time-outs and
-// repeated requests against a scripted peer.)
+// The digest of a file: whole, from any position, which it restores, and a descriptor it
+// cannot read. (The bounded wait: the get, ls and report time-outs, the interrupt soak, and a
+// get whose socket is descriptor 0.)
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <string>
@@ -18,24 +16,6 @@ std::string md5OfFd(int fd, int *result) {
   uint8_t d[16];
   *result = md5_fd(fd, d);
   return std::string(reinterpret_cast<char *>(d), 16);
-}
-
-void onAlarm(int) {}
-
-TEST(SelectCall, ASignalOrABadDescriptorEndsTheWait) {
-  kt::UdpPeer quiet;
-  ASSERT_TRUE(quiet.bind("127.0.3.21", 0));
-  struct sigaction sa {
-  }, old{};
-  sa.sa_handler = onAlarm;  // no SA_RESTART: the wait must come back
-  sigaction(SIGALRM, &sa, &old);
-  // Every 100 ms, so that one spent before the wait begins on a loaded machine is not the last.
-  itimerval timer{{0, 100000}, {0, 100000}}, off{};
-  setitimer(ITIMER_REAL, &timer, nullptr);
-  EXPECT_EQ(select_call(quiet.fd(), 10, 0), -1);
-  setitimer(ITIMER_REAL, &off, nullptr);
-  sigaction(SIGALRM, &old, nullptr);
-  EXPECT_EQ(select_call(-1, 0, 1000), -1);
 }
 
 TEST(Md5Fd, DigestsTheWholeFileAndRestoresThePosition) {
