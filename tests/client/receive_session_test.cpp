@@ -1,19 +1,11 @@
-// The receive loop's idle limit for seconds too large for an int, and its progress bar.
+// The receive loop's progress bar.
 // (Blocks before the first metadata: the get command's lossy download.)
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <string>
 
 #include "client/progress.hpp"
-#include "client/session_time.hpp"
 #include "common/common.hpp"
-
-TEST(ReceiveLimits, IdleLimitIsCappedNeverWrapped) {
-  EXPECT_EQ(idleLimitTicks(1073741824), INT_MAX);
-  EXPECT_EQ(clampSeconds(5000000000L), INT_MAX);
-  EXPECT_EQ(clampSeconds(-5000000000L), INT_MIN);
-}
 
 TEST(ProgressBar, CellsFollowTheBlockCountAndTheSpinnerTurns) {
   auto draw = [](uint32_t unique, uint32_t lastBlk) {

@@ -1,5 +1,4 @@
-// The state files: the record's bytes as first written, their names, and a short one made
-// again.
+// The state files: the record's bytes as first written, and their names.
 #include "client/state_file.hpp"
 
 #include <arpa/inet.h>
@@ -31,18 +30,4 @@ TEST(StateRecord, FirstWrittenRecordHasTheFileLayoutAndName) {
   char out[STATE_NAME_MAX];
   ASSERT_TRUE(downloadStateName("sub/x", out));
   EXPECT_STREQ(out, ".sub/x.kestil_state");
-}
-
-// A record cut short before its first write is made again. (An existing record continued: two
-// gets of one local file; a longer one refused: the get command's test, with its message.)
-TEST(StateRecord, ShortFileIsMadeAgain) {
-  std::string name = kt::makeTempDir() + "/.g.kestil_state";
-  ASSERT_TRUE(kt::writeFile(name, std::string(100, 'x')));
-  sockaddr_in src{AF_INET, htons(3223), {htonl(0x7F00054E)}, {}};
-  StateMapping m;
-  ASSERT_EQ(openDownloadState(name.c_str(), "g2", &src, &m), StateFailure::None);
-  const SavedRXState *st = static_cast<SavedRXState *>(m.addr);
-  EXPECT_EQ(std::string(st->filename) + " " + std::to_string(st->rxSet.lastBlk), "g2 0");
-  closeState(&m);
-  EXPECT_EQ(kt::readFile(name).size(), 2248u);
 }

@@ -1,5 +1,5 @@
-// The block receive vector: window slide, finish test, blocks before the metadata, and the
-// block arithmetic at its edges.
+// The block receive vector: window slide and finish test, and the block arithmetic at its
+// edges.
 #include "common/blk_rx_vector.hpp"
 
 #include <gtest/gtest.h>
@@ -57,20 +57,6 @@ TEST(BlkRxVector, WindowEdgesAndRingWrap) {
   EXPECT_FALSE(blkIsInVector(&v, 2055));  // the re-entered far byte starts empty
   addBlkToVector(&v, 2055);               // the window's last block lives in ring byte 0
   EXPECT_EQ(v.vector[0], 0x01);
-}
-
-TEST(BlkRxVector, BlocksBeforeTheMetadataStayInTheFirstWindow) {
-  BlkRxVector v;
-  std::memset(&v, 0, sizeof v);
-  initBlkRxVector(&v, BS);
-  addBlkToVector(&v, 1030);
-  for (uint32_t b = 1; b <= 9; ++b) addBlkToVector(&v, b);
-  EXPECT_EQ(window(v), std::tuple(0u, 0, false));  // no slide while the size is unknown
-  EXPECT_EQ(v.vector[0] << 8 | v.vector[1], 0x7FC0);
-  setBlkRxVectorFileSize(&v, 9 * BS);
-  addBlkToVector(&v, 0);
-  EXPECT_EQ(window(v), std::tuple(8u, 1, true));
-  EXPECT_FALSE(blkIsInVector(&v, 1030));  // inside the window now, but never recorded
 }
 
 TEST(BlockArithmetic, SizesAndOffsetsAtTheEdges) {

@@ -1,14 +1,12 @@
 // What decides where a file lands and what the ledger says about it: remote names mapped into
-// the archive (".." refused), the bytes a state record holds, pass windows read from a
-// schedule, and the ledger against the archive after a kill at each step of keeping an
-// earlier version.
+// the archive (".." refused), pass windows read from a schedule, and the ledger against the
+// archive after a kill at each step of keeping an earlier version.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 
 #include "pass/entry_plan.hpp"
-#include "pass/partial_state.hpp"
 #include "pass/schedule.hpp"
 #include "tests/support/test_support.hpp"
 
@@ -42,21 +40,6 @@ TEST(ArchivePaths, RemoteNamesLandUnderTheArchiveOrAreRefused) {
   EXPECT_EQ(p.dir + "|" + p.base + "|" + stateFileOf(p), "data/img|a.jpg|data/img/.a.jpg.kestil_state");
   ASSERT_EQ(mapRemoteName("top", &p), NameVerdict::Ok);
   EXPECT_EQ(p.dir + "|" + stateFileOf(p), "|.top.kestil_state");
-}
-
-TEST(ArchivePaths, HeldBytesCountTheShortLastBlockOnce) {
-  // 300 bytes: blocks 1 and 2 of 141 bytes, block 3 of 18.
-  BlkRxVector v{};
-  initBlkRxVector(&v, 141);
-  setBlkRxVectorFileSize(&v, 300);
-  std::vector<uint64_t> held;
-  for (uint32_t b : {0, 3, 1, 2}) addBlkToVector(&v, b), held.push_back(heldBytes(v));
-  EXPECT_EQ(held, (std::vector<uint64_t>{0, 18, 18 + 141, 300}));
-  // 2000 blocks, the window slid past the first 1600: the prefix counts whole.
-  initBlkRxVector(&v, 141);
-  setBlkRxVectorFileSize(&v, 2000 * 141);
-  for (uint32_t b = 0; b <= 1600; ++b) addBlkToVector(&v, b);
-  EXPECT_EQ(std::to_string(v.blkNumBase) + " " + std::to_string(heldBytes(v)), "1600 225600");  // 1600 x 141
 }
 
 TEST(Schedule, UtcTimesAndWindowsAreReadStrictly) {

@@ -81,17 +81,6 @@ TEST_F(Queue, KeepsPriorityOrderMovesEntriesToTheBackOfTheirPriorityAndRelinksOn
   EXPECT_TRUE(groups[4].head == nullptr && groups[4].tail == nullptr && groups[4].fileCnt + groups[4].totalSize == 0);
 }
 
-TEST_F(Queue, CapDropsTheLastEntryOfAFullGroup) {
-  for (int i = 0; i < 1024; ++i) add({fileName(i).c_str()}, 7, 5);
-  const std::string before = kt::readFile("q.dat");
-  add({"late"}, 7, 5);  // would be last itself: dropped, the file rewritten as it was
-  EXPECT_TRUE(groups[7].fileCnt == 1024 && kt::readFile("q.dat") == before);
-  add({"urgent"}, 7, 1);  // goes first; the tail f1023 is dropped
-  const Names now = order(7), recs = dataRecords();
-  EXPECT_EQ(std::to_string(now.size()) + " " + now.front() + " " + now.back(), "1024 urgent f1022");
-  EXPECT_EQ(std::to_string(recs.size()) + " " + recs.front() + " " + recs.back(), "1024 urgent/7/1/0 f1022/7/5/0");
-}
-
 TEST_F(Queue, DataFileRecordsAppendRewriteAndReload) {
   ASSERT_TRUE(kt::writeFile("huge", "") && truncate("huge", off_t{1} << 32) == 0);  // size past 32 bits
   testing::internal::CaptureStderr();

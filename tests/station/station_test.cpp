@@ -1,12 +1,11 @@
-// The station layer: host resolution, the request/response exchange with an on-board
-// service, and the debug log. (An exchange that times out: the queue commands' silent file
+// The station layer: host resolution and the request/response exchange with an on-board
+// service. (An exchange that times out: the queue commands' silent file
 // manager.)
 #include "station/station.hpp"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <thread>
 
 #include "tests/support/test_support.hpp"
@@ -46,30 +45,6 @@ TEST(SendPacketAndReadResponse, AnswerFromTheServicePortOnlyAndNothingElse) {
   EXPECT_EQ(exchange("127.0.3.34", 5000, nullptr, "").first, -1);  // an empty answer
   char resp[8];
   EXPECT_EQ(socket_send_packet_and_read_response("127.0.3.35", "nosuch", "q", 1, resp, 8, 100), -1);
-}
-
-std::vector<std::pair<int, std::string>> lines;
-
-TEST(DebugLog, HookLevelFilterAndTheErrnoPattern) {
-  DBG_init("/path/to/kestil-test");
-  DBG_setHook([](int level, const char *line) { lines.emplace_back(level, line); });
-  DBG_setLevel(3);
-  DBG_print(4, "dropped");
-  DBG_print(3, "kept %d", 3);
-  DBG_setLevel(7);
-  errno = ENOENT;
-  DBG_syserr(12, "fn", "file.cpp", 4, "open %s", "x");
-  EXPECT_EQ(errno, ENOENT);  // left for the caller
-  errno = 0;
-  DBG_LOG_ERRNO(4, "not logged");
-  errno = EBADF;
-  DBG_LOG_ERRNO(4, "read %s", "failed");
-  EXPECT_EQ(errno, 0);
-  DBG_setHook(nullptr);
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0], std::make_pair(3, std::string("kept 3")));
-  EXPECT_EQ(lines[1].second, "file.cpp:12 fn: open x: No such file or directory");
-  EXPECT_NE(lines[2].second.find("read failed: Bad file descriptor"), std::string::npos) << lines[2].second;
 }
 
 }  // namespace
