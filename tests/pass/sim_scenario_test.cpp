@@ -23,31 +23,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Queued {
-  std::string name;
-  std::string content;  // written under the root unless the name leaves it
-  uint8_t group, priority;
-};
-
-void serve(const simt::Served &sim, const std::vector<Queued> &queue) {
-  std::string qdata;
-  for (const Queued &q : queue) {
-    fs::create_directories(fs::path(sim.root + "/" + q.name).parent_path());
-    ASSERT_TRUE(kt::writeFile(sim.root + "/" + q.name, q.content));
-    qdata += kt::queueRecord(q.name, q.group, q.priority);
-  }
-  ASSERT_TRUE(kt::writeFile(sim.root + "/.kestil-sim.qdata", qdata));
-}
-
-// The archive's files, kestil-pass's own left out: relative name to content.
-std::map<std::string, std::string> archived(const std::string &archive) {
-  std::map<std::string, std::string> files;
-  for (const auto &e : fs::recursive_directory_iterator(archive))
-    if (std::string rel = fs::relative(e.path(), archive); e.is_regular_file() && !rel.starts_with(".kestil-pass"))
-      files[rel] = kt::readFile(e.path());
-  return files;
-}
-
 // kestil-sim for one test; its folder goes once it has stopped.
 struct Sim : simt::Served {
   using Served::Served;
@@ -69,12 +44,12 @@ TEST(SimPass, AScheduleDrainsTheQueueAcrossLossyPassesContinuingPartialFiles) {
                           std::to_string(t0), "--idle", "6"});
   ASSERT_TRUE(sim.ready) << sim.err;
   const std::string big = kt::patternBytes(2 << 20, 1);
-  serve(sim, {{"big/img.raw", big, 1, 5},
-              {"small/a.txt", kt::patternBytes(5000, 2), 1, 2},
-              {"small/b.txt", kt::patternBytes(20000, 3), 1, 9},
-              {"one.bin", kt::patternBytes(141, 4), 2, 0},
-              {"empty.bin", "", 0, 0},
-              {"../outside.bin", "x", 3, 0}});  // queued, and refused: it leaves the root
+  simt::serve(sim, {{"big/img.raw", big, 1, 5},
+                    {"small/a.txt", kt::patternBytes(5000, 2), 1, 2},
+                    {"small/b.txt", kt::patternBytes(20000, 3), 1, 9},
+                    {"one.bin", kt::patternBytes(141, 4), 2, 0},
+                    {"empty.bin", "", 0, 0},
+                    {"../outside.bin", "x", 3, 0}});  // queued, and refused: it leaves the root
   ASSERT_TRUE(sim.restart());
   const std::string past = formatUtc((t0 - 60) * 1000) + " to " + formatUtc((t0 - 30) * 1000);
   std::string schedule = formatUtc((t0 - 60) * 1000) + " " + formatUtc((t0 - 30) * 1000) + "\n";
@@ -94,7 +69,7 @@ TEST(SimPass, AScheduleDrainsTheQueueAcrossLossyPassesContinuingPartialFiles) {
   EXPECT_NE(r.out.find("../outside.bin: refused, a \"..\" component would leave the archive\n"), std::string::npos);
   EXPECT_TRUE(r.out.starts_with("window " + past + " is past: skipped\n")) << r.out;
 
-  std::map<std::string, std::string> files = archived(sim.dir + "/arch");
+  std::map<std::string, std::string> files = simt::archived(sim.dir + "/arch");
   ASSERT_EQ(files.size(), 5u);
   for (const auto &[name, content] : files)
     EXPECT_EQ(kt::md5Hex(content), kt::md5Hex(kt::readFile(sim.root + "/" + name)));
@@ -132,10 +107,10 @@ TEST(SimPass, AScheduleDrainsTheQueueAcrossLossyPassesContinuingPartialFiles) {
 TEST(SimPass, ConfirmRemovesWhatIsCompleteAndANewVersionKeepsTheEarlierOne) {
   Sim sim("127.0.40.11");
   ASSERT_TRUE(sim.ready) << sim.err;
-  serve(sim, {{"d/a.txt", kt::patternBytes(1000, 5), 0, 0},
-              {"b.txt", kt::patternBytes(3000, 6), 4, 1},
-              {"../outside.bin", "x", 3, 0},
-              {"e/c.txt", "c", 2, 0}});
+  simt::serve(sim, {{"d/a.txt", kt::patternBytes(1000, 5), 0, 0},
+                    {"b.txt", kt::patternBytes(3000, 6), 4, 1},
+                    {"../outside.bin", "x", 3, 0},
+                    {"e/c.txt", "c", 2, 0}});
   ASSERT_TRUE(sim.restart());
   ASSERT_TRUE(kt::writeFile(sim.dir + "/arch/e", "a file where a folder must go"));
   kt::Result first = pass(sim, "--confirm --for 30");
@@ -153,7 +128,7 @@ TEST(SimPass, ConfirmRemovesWhatIsCompleteAndANewVersionKeepsTheEarlierOne) {
   EXPECT_NE(second.out.find(": 1 complete, 0 partial, 1 failed, 1 refused, 0 held before; 1500 bytes"),
             std::string::npos)
       << second.out;
-  std::map<std::string, std::string> files = archived(sim.dir + "/arch");
+  std::map<std::string, std::string> files = simt::archived(sim.dir + "/arch");
   EXPECT_EQ(files["d/a.txt"], kt::patternBytes(1500, 7));
   EXPECT_EQ(files["d/a.txt.~1~"], kt::patternBytes(1000, 5));
   kt::Result status = kt::run(sim.dir, "kestil-pass", {"--status", "--archive", "arch"}, 5000, KESTIL_PASS_BIN);

@@ -2,15 +2,18 @@
 // once it has printed its listening line, stopped with SIGTERM; every wait bounded.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "tests/queue/queue_records.hpp"
 #include "tests/support/test_support.hpp"
 
 #ifndef KESTIL_SIM_BIN
@@ -87,5 +90,35 @@ struct Served : Sim {
     return kt::run(cwd, command, a, ms);
   }
 };
+
+// A file kestil-sim serves and queues.
+struct Queued {
+  std::string name;
+  std::string content;  // written under the root unless the name leaves it
+  uint8_t group, priority;
+};
+
+// Writes the files of `queue` under the root and the queue's data file; kestil-sim reads it
+// when it starts.
+inline void serve(const Served &sim, const std::vector<Queued> &queue) {
+  std::string qdata;
+  for (const Queued &q : queue) {
+    std::filesystem::create_directories(std::filesystem::path(sim.root + "/" + q.name).parent_path());
+    ASSERT_TRUE(kt::writeFile(sim.root + "/" + q.name, q.content));
+    qdata += kt::queueRecord(q.name, q.group, q.priority);
+  }
+  ASSERT_TRUE(kt::writeFile(sim.root + "/.kestil-sim.qdata", qdata));
+}
+
+// A kestil-pass archive's files, its own left out: relative name to content.
+inline std::map<std::string, std::string> archived(const std::string &archive) {
+  namespace fs = std::filesystem;
+  std::map<std::string, std::string> files;
+  std::error_code ec;
+  for (const auto &e : fs::recursive_directory_iterator(archive, ec))
+    if (std::string rel = fs::relative(e.path(), archive); e.is_regular_file() && !rel.starts_with(".kestil-pass"))
+      files[rel] = kt::readFile(e.path());
+  return files;
+}
 
 }  // namespace simt
