@@ -38,7 +38,7 @@ TEST(SimStartup, BadOptionsPortsInUseAndUnservableRootsAreNamedAndSigintStopsIt)
 TEST(SimGet, PassGapEndsTheGetAndResumeCompletesItWhileProgressShowsTheRecord) {
   // 64 kbit/s carries about 45 blocks a second: more than the first 2-second pass holds. The
   // 3-second gap is longer than get's -t 1, shorter than resume's -t 10 and the idle limit.
-  simt::Served sim("127.0.7.2", {"--rate", "64000", "--pass", "2:3", "--idle", "20", "-v"});
+  simt::Served sim("127.0.7.2", {"--rate=64000", "--pass", "2:3", "--idle=20", "-v"});  // both option forms
   ASSERT_TRUE(sim.ready) << sim.err;
   std::string content = kt::patternBytes(20000, 2);  // 142 blocks
   ASSERT_TRUE(kt::writeFile(sim.root + "/data/pass.bin", content));

@@ -52,35 +52,6 @@ std::string fileName(int i) {
   return buf;
 }
 
-TEST_F(Queue, KeepsPriorityOrderMovesEntriesToTheBackOfTheirPriorityAndRelinksOnRemoval) {
-  add({"A", "B"}, 4, 2, 10);
-  add({"C"}, 4, 1, 10);
-  add({"D"}, 4, 2, 10);
-  EXPECT_EQ(order(4), (Names{"C", "A", "B", "D"}));
-  dwnq_insert("A", 4, 2, 0);
-  EXPECT_EQ(order(4), (Names{"C", "B", "D", "A"}));
-  unlink("B");  // a move does not look the file up again
-  dwnq_insert("B", 4, 0, 0);
-  EXPECT_EQ(order(4), (Names{"B", "C", "D", "A"}));
-  EXPECT_EQ(std::pair(groups[4].fileCnt, groups[4].totalSize), std::pair(4u, 40u));
-  // A move whose insertion point is the entry itself keeps it and everything behind it.
-  add({"Y"}, 6, 5);
-  add({"Z"}, 6, 6);
-  dwnq_insert("Y", 6, 3, 0);
-  EXPECT_EQ(order(6), (Names{"Y", "Z"}));
-  EXPECT_EQ(groups[6].head->priority, 3);
-
-  int calls = 0;
-  iterate_listing_group(
-      4, [](const char *, uint8_t, uint8_t, void *n) { return ++*static_cast<int *>(n); }, &calls);
-  EXPECT_EQ(calls, 1);  // a non-zero answer stops the walk
-  dwnq_remove("absent", 4);
-  dwnq_remove("A", 4);  // the tail
-  EXPECT_STREQ(groups[4].tail->name, "D");
-  for (const char *n : {"B", "C", "D"}) dwnq_remove(n, 4);
-  EXPECT_TRUE(groups[4].head == nullptr && groups[4].tail == nullptr && groups[4].fileCnt + groups[4].totalSize == 0);
-}
-
 TEST_F(Queue, DataFileRecordsAppendRewriteAndReload) {
   ASSERT_TRUE(kt::writeFile("huge", "") && truncate("huge", off_t{1} << 32) == 0);  // size past 32 bits
   testing::internal::CaptureStderr();

@@ -1,11 +1,9 @@
-// The simulator's request handling, datagram by datagram with stepped time: what the transfer
-// service sends in answer to acknowledgements (resends of blocks an acknowledgement shows
-// lost, the rounds of unacknowledged blocks that fill an idle wire) and to an upload whose
-// digest is wrong, and what the file manager answers. The service's socket is real
-// (loopback); its link is clean. (Whatever datagram arrives: the simulator's fuzz target.
-// The stored file's time and mode, and the closing form that answers a finished upload: the put
-// scenarios against kestil-sim.)
-// And its command line: each option in its own field. (Wrong values: kestil-sim's start-up.)
+// The simulator's transfer service, datagram by datagram with stepped time: what it sends in
+// answer to acknowledgements (resends of blocks an acknowledgement shows lost, the rounds of
+// unacknowledged blocks that fill an idle wire) and to an upload whose digest is wrong. The
+// service's socket is real (loopback); its link is clean. (Whatever datagram arrives: the
+// simulator's fuzz target. Stored uploads, the file manager and the options: the scenarios
+// against kestil-sim.)
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -17,8 +15,6 @@
 
 #include "common/wire_codec.hpp"
 #include "queue/downlink_queue.hpp"
-#include "sim/filemgr_service.hpp"
-#include "sim/options.hpp"
 #include "sim/transfer_service.hpp"
 #include "tests/support/file_server.hpp"
 
@@ -145,49 +141,6 @@ TEST_F(SimServices, PutRefusesAMismatchedDigestAndLeavesNothingBehind) {
   EXPECT_EQ(kt::namesStartingWith("up", ""), std::vector<std::string>{});  // neither the file nor its part file
   deliver(kt::request(KESTIL_PUT, 0, "up/bad.bin"));
   EXPECT_EQ(received(), std::vector<Bytes>{refusal});
-}
-
-TEST_F(SimServices, FileManagerRefusesWhatItCannotQueue) {
-  ASSERT_TRUE(kt::writeFile("f", "12345"));
-  auto answer = [&](uint8_t cmd, uint8_t group, const char *name, bool nul = true) {
-    Bytes req = {cmd, group, 7, 0};
-    req.insert(req.end(), name, name + std::strlen(name) + (nul ? 1 : 0));
-    uint8_t resp[2];
-    return Bytes(resp, resp + filemgrAnswer(real_, req.data(), static_cast<int>(req.size()), resp, 2));
-  };
-  EXPECT_EQ(answer(0x10, 3, "./f"), kt::bytes({0x11, 0}));
-  EXPECT_STREQ(groups[3].head->name, "f");                          // queued under its normalised path
-  EXPECT_EQ(answer(0x10, 3, "up"), kt::bytes({0x11, 0xFC}));        // a directory
-  EXPECT_EQ(answer(0x10, 3, "f", false), kt::bytes({0x11, 0xFD}));  // no NUL
-  EXPECT_EQ(answer(0x12, 2, "f"), kt::bytes({0x13, 0xFE}));         // queued in group 3, not 2
-  EXPECT_EQ(answer(0x11, 3, "f"), Bytes{});                         // an answer code: no answer
-}
-
-ParseOutcome parse(const std::string &line, SimOptions *opts, std::string *error) {
-  const std::vector<std::string> args = kt::words("kestil-sim " + line);
-  std::vector<const char *> argv;
-  for (const std::string &a : args) argv.push_back(a.c_str());
-  return parseSimOptions(static_cast<int>(argv.size()), argv.data(), opts, error);
-}
-
-// (--addr, --root, --queue, --rate, --pass, --loss and --relay: the scenarios against
-// kestil-sim, whose runs depend on them.)
-TEST(SimOptions, EveryOptionLandsInItsOwnFieldAndThePaceRateWins) {
-  SimOptions o;
-  o.link.rateBps = 9600;  // without a pace, the link's own rate, not whole blocks of it
-  EXPECT_DOUBLE_EQ(effectivePaceBits(o, 141), 9600.0);
-  std::string err;
-  ASSERT_EQ(parse("--port 4000 --filemgr-port=4001 --delay=250 --dup 0.05 --reorder 0.2 --seed 99 -v --idle 45 "
-                  "--pace 300 --ack-interval 200 --ack-blocks 16 --pace-rate 64000",
-                  &o, &err),
-            ParseOutcome::Run)
-      << err;
-  EXPECT_EQ(std::vector<uint64_t>(
-                {o.port, o.filemgrPort, o.link.delayMs, o.link.seed, o.idleS, o.pace, o.ackIntervalMs, o.ackBlocks}),
-            std::vector<uint64_t>({4000, 4001, 250, 99, 45, 300, 200, 16}));
-  EXPECT_EQ(std::vector<double>({o.link.dup, o.link.reorder}), std::vector<double>({0.05, 0.2}));
-  EXPECT_TRUE(o.verbose && !o.relay);
-  EXPECT_DOUBLE_EQ(effectivePaceBits(o, 141), 64000.0);  // over --pace and the link rate
 }
 
 }  // namespace
