@@ -76,7 +76,7 @@ deb: deps
 # build-fuzz/findings/<target>; an input worth keeping goes to tests/fuzz/corpus/<target>,
 # which `make check` replays.
 FUZZ_SECONDS ?= 600
-FUZZ_TARGETS := rx_datagram listing_reader queue_data state_record sim_request
+FUZZ_TARGETS := rx_datagram listing_reader queue_data state_record
 FUZZ_FLAGS := -O1 -g -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer
 .PHONY: fuzz
 fuzz: deps

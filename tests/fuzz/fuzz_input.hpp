@@ -1,10 +1,8 @@
-// The harness the fuzz targets share: a scratch folder, files written or the run aborted,
-// loopback addresses and a peer socket, and one input split into option bytes and a run of
-// length-prefixed datagrams, so that one input can drive a whole exchange.
+// The harness the fuzz targets share: a scratch folder, files written or the run aborted, and
+// one input split into option bytes and a run of length-prefixed datagrams, so that one input
+// can drive a whole exchange.
 #pragma once
 
-#include <arpa/inet.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -45,29 +43,6 @@ inline void writeFile(const std::string &path, const void *data, size_t len) {
   FILE *f = std::fopen(path.c_str(), "wb");
   bool ok = f != nullptr && std::fwrite(data, 1, len, f) == len;
   if (f == nullptr || std::fclose(f) != 0 || !ok) fail("cannot write %s", path.c_str());
-}
-
-// A file of `size` bytes that differ from block to block.
-inline void writePattern(const std::string &path, size_t size) {
-  std::string bytes(size, '\0');
-  for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 7 % 251);
-  writeFile(path, bytes.data(), size);
-}
-
-inline sockaddr_in loopback(uint32_t host, uint16_t port = 0) {
-  return sockaddr_in{AF_INET, htons(port), {htonl(host)}, {}};
-}
-
-// A UDP socket bound to `host` on a port of the system's choosing, written to `*addr`: a client
-// that only takes what it is sent.
-inline int peerSocket(uint32_t host, sockaddr_in *addr) {
-  *addr = loopback(host);
-  socklen_t len = sizeof *addr;
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(addr), len) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr *>(addr), &len) != 0)
-    std::abort();
-  return fd;
 }
 
 struct Input {

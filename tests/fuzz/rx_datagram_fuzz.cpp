@@ -4,6 +4,7 @@
 //   the progress redraw after each, under the download, listing or report rules;
 // - the upload side: a run of datagrams (acknowledgements, refusals, anything) handed to the
 //   upload session of a small file, with a paced burst after each acknowledgement.
+#include <arpa/inet.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
@@ -23,7 +24,7 @@ constexpr uint8_t OPT_ZERO_PAD = 0x04;
 constexpr uint8_t OPT_FOREIGN_SENDER = 0x08;  // datagrams from another port than the target's
 
 // Never sent to: the sockets here are -1.
-sockaddr_in endpoint(uint16_t port) { return fz::loopback(0x7F000901, port); }
+sockaddr_in endpoint(uint16_t port) { return sockaddr_in{AF_INET, htons(port), {htonl(0x7F000901)}, {}}; }
 
 // What the vector operations must keep whatever arrives: an index inside the ring and a base
 // on a whole byte of it.
