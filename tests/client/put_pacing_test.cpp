@@ -1,5 +1,5 @@
 // The upload session's steps driven with chosen times: credit earned between acknowledgements
-// with its fractions carried, and the statistics line.
+// with its fractions carried.
 // (A pass that runs out and asks the scheduler: lossy puts through kestil-sim; idle ticks that
 // resend from the base: its small uploads at half a datagram a second.)
 #include <fcntl.h>
@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include "client/put.hpp"
-#include "client/session_time.hpp"
 #include "common/common.hpp"
 #include "station/station.hpp"
 #include "tests/support/test_support.hpp"
@@ -71,15 +70,6 @@ TEST(PutPacing, CreditAccruesAsRateTimesElapsedAndCarriesFractions) {
   }
   // Ten quiet seconds earn sixty datagrams at once: the credit has no ceiling.
   EXPECT_EQ(p.feed(111.0, ackUpTo(12)), range(12, 72));
-}
-
-TEST(PutStatistics, ElapsedTimeAndAverageRate) {
-  char line[160];
-  const std::pair<timeval, uint32_t> cases[] = {{{3725, 500000}, 1000}, {{2, 0}, 0}, {{0, 0}, 1000}};
-  std::vector<std::string> lines;
-  for (auto [elapsed, size] : cases) formatStatistics(line, sizeof line, elapsed, size), lines.push_back(line);
-  EXPECT_EQ(lines, (std::vector<std::string>{"Elapsed time: 01:02:05.500000      Avg Bps: 0.27",
-                                             "Elapsed time: 00:00:02.000000", "Elapsed time: 00:00:00.000000"}));
 }
 
 }  // namespace
