@@ -2,7 +2,7 @@
 // byte sees: the requests' bytes, the closing acknowledgements, malformed and foreign
 // datagrams, a replaced digest, error reports of either length, silence, and the state record
 // shared by two gets or resumed. (Plain, lossy, faulty and resumed downloads end to end, and
-// the files each end leaves: against kestil-sim; an interrupted get: the interrupt checks.)
+// the files each end leaves: against kestil-sim; an interrupted get: the interrupt soak.)
 #include <gtest/gtest.h>
 
 #include <string>

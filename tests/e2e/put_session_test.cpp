@@ -1,7 +1,7 @@
 // The put command against a scripted remote file service: the request and the first burst
 // byte for byte, the remote side's closing and refusing answers and the silence time-out.
 // (Lossy uploads to completion: the suite against kestil-sim; interrupted ones: the interrupt
-// checks.)
+// soak.)
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 

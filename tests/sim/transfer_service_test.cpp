@@ -1,9 +1,8 @@
 // The simulator's transfer service, datagram by datagram with stepped time: what it sends in
 // answer to acknowledgements (resends of blocks an acknowledgement shows lost, the rounds of
-// unacknowledged blocks that fill an idle wire) and to an upload whose digest is wrong. The
-// service's socket is real (loopback); its link is clean. (Whatever datagram arrives: the
-// simulator's fuzz target. Stored uploads, the file manager and the options: the scenarios
-// against kestil-sim.)
+// unacknowledged blocks that fill an idle wire), to a repeated request and to an upload whose
+// digest is wrong. The service's socket is real (loopback); its link is clean. (Stored
+// uploads, the file manager and the options: the scenarios against kestil-sim.)
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -126,6 +125,20 @@ TEST_F(SimServices, ThePassEndsWithRoundsOfUnacknowledgedBlocksThenWaitsForTheCl
   EXPECT_TRUE(blocksAfter(1000).empty());
   deliver(all);  // the client's periodic acknowledgement that heard nothing new: all of it was lost
   EXPECT_EQ(blocksAfter(1000).size(), got.size());
+}
+
+// A client that lacks the metadata repeats its request: the pass starts over, even after it
+// has ended.
+TEST_F(SimServices, RepeatedRequestPassesAgainAndTheClosingFormEndsTheTransfer) {
+  ASSERT_TRUE(kt::writeFile("f.bin", kt::patternBytes(500, 7)));
+  start();
+  for (int i = 0; i < 2; ++i) {
+    deliver(kt::request(KESTIL_GET, 0, "f.bin"));
+    EXPECT_EQ(blocksAfter(50), (Blocks{0, 1, 2, 3, 4}));
+  }
+  deliver(kt::withTail({KESTIL_VECACK_FINAL, 0, 0, 0, 0}, Bytes{0x80}, false));
+  deliver(ack({0x80}));  // late acknowledgements get nothing: the transfer has ended
+  EXPECT_TRUE(blocksAfter(50).empty());
 }
 
 TEST_F(SimServices, PutRefusesAMismatchedDigestAndLeavesNothingBehind) {
