@@ -95,7 +95,7 @@ fuzz: deps
 	done
 
 # The long soak: a hundred SIGKILLs of downloads through a lossy kestil-sim link, then a
-# hundred of kestil-pass drains (about half an hour); `make check` runs three of each.
+# hundred of kestil-pass drains; `make check` runs three of each.
 .PHONY: soak
 soak: build
 	KESTIL_SOAK_KILLS=100 build/bin/soak_test --gtest_filter='KillSoak.*'

@@ -28,20 +28,20 @@ int killsWanted() {
   return kills != nullptr ? std::atoi(kills) : 3;
 }
 
-// The state record of the partial download `local`, if it has all its bytes.
-bool stateRecord(const std::string &dir, const std::string &local, SavedRXState *st) {
+// Reads the state record of the partial download `local` into *st when its file holds exactly
+// one; returns the file's size.
+size_t readStateRecord(const std::string &dir, const std::string &local, SavedRXState *st) {
   const std::string rec = kt::readFile(dir + "/." + local + ".kestil_state");
-  if (rec.size() != sizeof *st) return false;
-  std::memcpy(st, rec.data(), sizeof *st);
-  return true;
+  if (rec.size() == sizeof *st) std::memcpy(st, rec.data(), sizeof *st);
+  return rec.size();
 }
 
 // What a kill left wrong in the partial download of `source` as `local`, or "".
 std::string partialFault(const std::string &dir, const std::string &local, const std::string &source) {
-  const size_t size = kt::readFile(dir + "/." + local + ".kestil_state").size();
-  if (size > sizeof(SavedRXState)) return "a state record of " + std::to_string(size) + " bytes";
   SavedRXState st;
-  if (!stateRecord(dir, local, &st)) return "";  // none yet, or cut while it was made: made anew
+  const size_t size = readStateRecord(dir, local, &st);
+  if (size > sizeof st) return "a state record of " + std::to_string(size) + " bytes";
+  if (size < sizeof st) return "";  // none yet, or cut while it was made: made anew
   const BlkRxVector &v = st.rxSet;
   if (!blkRxVectorIsUsable(&v)) return "a ring index or base out of place";
   if (v.lastBlk == 0) return "";  // no metadata yet: nothing marked counts
@@ -189,8 +189,8 @@ TEST(InterruptSoak, GetEndsWithItsClosingRoundPutAtOnceAndLsAndReportCarryOn) {
 
   kt::Child get = kt::start(work, "kestil", {"get", "-h", sim.addr, "big.bin"});
   SavedRXState st;
-  ASSERT_TRUE(
-      simt::eventually([&] { return stateRecord(work, "big.bin", &st) && st.rxSet.uniqueBlkCnt > 100; }, 30000));
+  ASSERT_TRUE(simt::eventually(
+      [&] { return readStateRecord(work, "big.bin", &st) == sizeof st && st.rxSet.uniqueBlkCnt > 100; }, 30000));
   kill(get.pid, SIGINT);
   kt::Result r = kt::finish(get, 60000);
   EXPECT_EQ(r.status, 13);
