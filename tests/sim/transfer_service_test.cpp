@@ -23,7 +23,7 @@ using Bytes = std::vector<uint8_t>;
 using Blocks = std::vector<int>;
 
 // An acknowledgement with base 0 whose first bytes are `bits` (one bit per block, MSB first).
-Bytes ack(const Bytes &bits) { return kt::withTail({KESTIL_VECACK, 0, 0, 0, 0}, bits, false); }
+Bytes ack(const Bytes &bits, uint8_t code = KESTIL_VECACK) { return kt::withTail({code, 0, 0, 0, 0}, bits, false); }
 
 class SimServices : public ::testing::Test {
  protected:
@@ -136,7 +136,7 @@ TEST_F(SimServices, RepeatedRequestPassesAgainAndTheClosingFormEndsTheTransfer) 
     deliver(kt::request(KESTIL_GET, 0, "f.bin"));
     EXPECT_EQ(blocksAfter(50), (Blocks{0, 1, 2, 3, 4}));
   }
-  deliver(kt::withTail({KESTIL_VECACK_FINAL, 0, 0, 0, 0}, Bytes{0x80}, false));
+  deliver(ack({0x80}, KESTIL_VECACK_FINAL));
   deliver(ack({0x80}));  // late acknowledgements get nothing: the transfer has ended
   EXPECT_TRUE(blocksAfter(50).empty());
 }
